@@ -1,0 +1,220 @@
+#include "EventMachine.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "PhysicalMemory.h"
+
+namespace rhyddal {
+namespace {
+
+constexpr uint32_t kLoopbackRouteKind = 1;
+constexpr uint32_t kMaxNid = 0xFFFF;
+constexpr uint32_t kHandleTag = 0x00010000;  // keeps the transport handle non-zero for node 0
+constexpr uint32_t kSysComHeaderBytes = 16;
+constexpr size_t kSysComReceiverOffset = 4;
+constexpr size_t kSysComTotalLengthOffset = 14;
+constexpr uint32_t kWaitWithoutServerResult = 1;
+
+uint16_t nidOf(uint32_t sicAddress) { return static_cast<uint16_t>(sicAddress >> 16); }
+
+uint32_t readReceiver(const void* message) {
+  uint32_t receiver = 0;
+  std::memcpy(&receiver, static_cast<const unsigned char*>(message) + kSysComReceiverOffset, sizeof(receiver));
+  return receiver;
+}
+
+uint32_t readTotalLength(const void* message) {
+  uint16_t totalLength = 0;
+  std::memcpy(&totalLength, static_cast<const unsigned char*>(message) + kSysComTotalLengthOffset,
+              sizeof(totalLength));
+  return totalLength;
+}
+
+// Pins only to a CPU the process may run on; a CPU that does not exist leaves the thread as it is.
+void pinCallingThread(uint32_t cpu) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (cpu >= CPU_SETSIZE || sched_getaffinity(0, sizeof(allowed), &allowed) != 0) return;
+  if (!CPU_ISSET(cpu, &allowed)) return;
+  cpu_set_t only;
+  CPU_ZERO(&only);
+  CPU_SET(cpu, &only);
+  pthread_setaffinity_np(pthread_self(), sizeof(only), &only);
+}
+
+int pushResultCode(PushResult result) {
+  switch (result) {
+    case PushResult::kDelivered:
+      return 0;
+    case PushResult::kFull:
+      return -ENOBUFS;
+    case PushResult::kTooLarge:
+      return -EMSGSIZE;
+    case PushResult::kLockBroken:
+      break;
+  }
+  return -ENOTRECOVERABLE;
+}
+
+}  // namespace
+
+EventMachine::EventMachine(uint64_t poolBytes, uint32_t ringBytes) : pool_(poolBytes), ringBytes_(ringBytes) {}
+
+// The timing updater starts before the thread is pinned, so it does not inherit the pinning and
+// compete with the node's own thread for its CPU.
+int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
+  if (handle == nullptr || nid > kMaxNid) return -EINVAL;
+  std::lock_guard<std::mutex> guard(serverMutex_);
+  if (ownMailbox_ != nullptr) return -EALREADY;
+  const int rc = Mailbox::create(static_cast<uint16_t>(nid), ringBytes_, &ownMailbox_);
+  if (rc != 0) return rc;
+  ownNid_.store(nid, std::memory_order_relaxed);
+  own_.store(ownMailbox_.get(), std::memory_order_release);
+  startTimingUpdater();
+  pinCallingThread(cpu);
+  *handle = kHandleTag | nid;
+  return 0;
+}
+
+// Routes are appended and never removed: readers on the send path take the count with acquire
+// and read only entries published before it.
+int EventMachine::addTestRoute(uint32_t kind, uint32_t from, uint32_t to) {
+  if (kind != kLoopbackRouteKind || from > to || to > kMaxNid) return -EINVAL;
+  std::lock_guard<std::mutex> guard(serverMutex_);
+  const uint32_t count = routeCount_.load(std::memory_order_relaxed);
+  if (count == kMaxRoutes) return -ENOSPC;
+  routes_[count] = LoopbackRoute{from, to};
+  routeCount_.store(count + 1, std::memory_order_release);
+  return 0;
+}
+
+void* EventMachine::alloc(uint32_t size) { return pool_.allocate(size); }
+
+uint32_t EventMachine::allocDirect(uint32_t size) {
+  void* data = pool_.allocate(size);
+  if (data == nullptr) return 0;
+  const uint32_t handle = events_.bind(data);
+  if (handle == 0) {
+    pool_.release(data);
+    return 0;
+  }
+  pool_.setEventHandle(data, handle);
+  return handle;
+}
+
+void EventMachine::free(void* buffer) {
+  if (buffer == nullptr) return;
+  uint32_t boundEvent = 0;
+  const ReleaseResult result = pool_.release(buffer, &boundEvent);
+  if (boundEvent != 0) events_.unbind(boundEvent);
+  if (result == ReleaseResult::kForeign) {
+    std::fprintf(stderr, "rhyddal: vakem_free(%p): not an event-machine buffer, ignored\n", buffer);
+  }
+}
+
+void* EventMachine::receive(uint32_t nid) {
+  Mailbox* own = own_.load(std::memory_order_acquire);
+  if (own == nullptr || nid != ownNid_.load(std::memory_order_relaxed)) return nullptr;
+  return own->pop(pool_);
+}
+
+int EventMachine::send(void* message, uint32_t receiver) {
+  BufferInfo info{};
+  if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
+  const uint32_t length = readTotalLength(message);
+  if (length < kSysComHeaderBytes || length > info.capacity) return -EMSGSIZE;
+  return transmit(message, length, RecordKind::kMessage, nidOf(receiver));
+}
+
+int EventMachine::sendLocalUnreliable(void* message) {
+  BufferInfo info{};
+  if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
+  return send(message, readReceiver(message));
+}
+
+int EventMachine::sendDirect(uint32_t event, uint32_t receiver) {
+  void* data = events_.lookup(event);
+  BufferInfo info{};
+  if (data == nullptr || !pool_.inspect(data, &info)) return -EINVAL;
+  if (info.requestedBytes < kSysComHeaderBytes) return -EMSGSIZE;
+  return transmit(data, info.requestedBytes, RecordKind::kRawEvent, nidOf(receiver));
+}
+
+int EventMachine::waitForEvent(uint32_t seconds, uint32_t nanoseconds) {
+  Mailbox* own = own_.load(std::memory_order_acquire);
+  if (own != nullptr) return own->waitForRecord(seconds, nanoseconds) ? 0 : 1;
+  if (!waitWithoutServerReported_.exchange(true)) {
+    std::fprintf(stderr, "rhyddal: vakem_wait_for_event before vak_em_server_init: nothing to wait for\n");
+  }
+  return kWaitWithoutServerResult;
+}
+
+void* EventMachine::eventPointer(uint32_t event) { return events_.lookup(event); }
+
+void EventMachine::unlinkOwnMailbox() {
+  Mailbox* own = own_.load(std::memory_order_acquire);
+  if (own != nullptr) own->unlinkName();
+}
+
+// On success the buffer belongs to the pool (quarantined), and a raw event's handle is gone.
+int EventMachine::transmit(void* buffer, uint32_t length, RecordKind kind, uint16_t nid) {
+  Mailbox* target = nullptr;
+  std::shared_ptr<Mailbox> remote;
+  if (isLocal(nid)) {
+    target = own_.load(std::memory_order_acquire);
+    if (target == nullptr) return -ENOTCONN;
+  } else {
+    int error = 0;
+    remote = directory_.find(nid, &error);
+    if (remote == nullptr) return error;
+    target = remote.get();
+  }
+  const int rc = pushResultCode(target->push(buffer, length, kind));
+  if (rc != 0) return rc;
+  uint32_t boundEvent = 0;
+  pool_.retire(buffer, &boundEvent);
+  if (boundEvent != 0) events_.unbind(boundEvent);
+  return 0;
+}
+
+// The own node id, and node ids on a loop-back route, are delivered into the own mailbox.
+bool EventMachine::isLocal(uint16_t nid) const {
+  if (nid == ownNid_.load(std::memory_order_relaxed)) return true;
+  const uint32_t count = routeCount_.load(std::memory_order_acquire);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (nid >= routes_[i].from && nid <= routes_[i].to) return true;
+  }
+  return false;
+}
+
+void EventMachine::prepareFork() {
+  serverMutex_.lock();
+  directory_.lockForFork();
+  events_.lockForFork();
+  pool_.lockForFork();
+}
+
+void EventMachine::afterForkInParent() {
+  pool_.unlockAfterFork();
+  events_.unlockAfterFork();
+  directory_.unlockAfterFork();
+  serverMutex_.unlock();
+}
+
+void EventMachine::afterForkInChild() {
+  afterForkInParent();
+  own_.store(nullptr, std::memory_order_relaxed);
+  ownNid_.store(kNoNode, std::memory_order_relaxed);
+  routeCount_.store(0, std::memory_order_relaxed);
+  if (ownMailbox_ != nullptr) ownMailbox_->disownAfterFork();
+  ownMailbox_.reset();
+  forgetTimingUpdaterAfterFork();
+}
+
+}  // namespace rhyddal

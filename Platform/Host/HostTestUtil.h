@@ -1,0 +1,148 @@
+// Helpers for the host port's tests: forked node processes, rendezvous pipes, unique node ids and
+// SysCom test messages. Header-only, used by the *_test.cc files only.
+#pragma once
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "HostEnvironment.h"
+
+namespace rhyddal {
+namespace testing {
+
+constexpr uint32_t kNoCpu = 0xFFFFFFFFu;  // server init without pinning
+constexpr int kChildTimeoutMs = 20000;
+
+// A one-way wake-up between processes: notify() in one, waitFor() in the other.
+class Rendezvous {
+ public:
+  Rendezvous() {
+    if (pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
+  }
+  ~Rendezvous() {
+    close(fds_[0]);
+    close(fds_[1]);
+  }
+  void notify(uint64_t value = 1) { (void)!write(fds_[1], &value, sizeof(value)); }
+  // The value notified, or 0 when nothing came within timeoutMs.
+  uint64_t waitFor(int timeoutMs = kChildTimeoutMs) {
+    pollfd readable{fds_[0], POLLIN, 0};
+    uint64_t value = 0;
+    if (poll(&readable, 1, timeoutMs) == 1 && read(fds_[0], &value, sizeof(value)) == sizeof(value)) return value;
+    return 0;
+  }
+
+ private:
+  int fds_[2];
+};
+
+// A forked child running body; its exit status is body's result (0: pass). A child still running
+// when this goes out of scope is killed, so a failing test never leaves nodes behind.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::function<int()>& body) : pid_(fork()) {
+    if (pid_ == 0) _exit(body());
+  }
+  ~ChildProcess() {
+    if (pid_ > 0 && !reaped_) {
+      ::kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  pid_t pid() const { return pid_; }
+  // The child's exit code, 128 + signal when a signal ended it, -1 when it ran past timeoutMs.
+  int wait(int timeoutMs = kChildTimeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    int status = 0;
+    while (waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) return -1;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    reaped_ = true;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  int kill() {
+    ::kill(pid_, SIGKILL);
+    return wait();
+  }
+
+ private:
+  pid_t pid_;
+  bool reaped_ = false;
+};
+
+// Node ids private to this test process (ctest runs tests in parallel processes), clear of the
+// runtime's placeholders 0x0F01 and 0x0FF0.
+inline uint16_t testNid(unsigned index) {
+  return static_cast<uint16_t>(0x2000u + ((static_cast<unsigned>(getpid()) * 16u + index) % 0xD000u));
+}
+
+// Removes a test node's mailbox when the test ends, whatever happened to the node.
+class MailboxCleanup {
+ public:
+  explicit MailboxCleanup(uint16_t nid) : nid_(nid) {}
+  ~MailboxCleanup() { shm_unlink(mailboxObjectName(nid_).c_str()); }
+
+ private:
+  uint16_t nid_;
+};
+
+inline uint32_t sicAddress(uint16_t nid, uint16_t cpid) { return (uint32_t{nid} << 16) | cpid; }
+
+// A SysCom header (receiver at 4, sender at 8, total length at 14) and a payload pattern that
+// depends on seed, so a message that arrives shuffled, cut or stale is recognised.
+inline void writeTestMessage(void* buffer, uint32_t length, uint32_t receiver, uint32_t sender, uint32_t seed) {
+  auto* bytes = static_cast<unsigned char*>(buffer);
+  const uint16_t msgId = static_cast<uint16_t>(seed);
+  const uint16_t totalLength = static_cast<uint16_t>(length);
+  std::memcpy(bytes, &msgId, 2);
+  std::memset(bytes + 2, 0, 2);
+  std::memcpy(bytes + 4, &receiver, 4);
+  std::memcpy(bytes + 8, &sender, 4);
+  std::memset(bytes + 12, 0, 2);
+  std::memcpy(bytes + 14, &totalLength, 2);
+  for (uint32_t i = 16; i < length; ++i) bytes[i] = static_cast<unsigned char>(seed * 31u + i * 7u);
+}
+
+inline bool isTestMessage(const void* buffer, uint32_t length, uint32_t seed) {
+  const auto* bytes = static_cast<const unsigned char*>(buffer);
+  uint16_t totalLength = 0;
+  uint16_t msgId = 0;
+  std::memcpy(&totalLength, bytes + 14, 2);
+  std::memcpy(&msgId, bytes, 2);
+  if (totalLength != static_cast<uint16_t>(length) || msgId != static_cast<uint16_t>(seed)) return false;
+  for (uint32_t i = 16; i < length; ++i) {
+    if (bytes[i] != static_cast<unsigned char>(seed * 31u + i * 7u)) return false;
+  }
+  return true;
+}
+
+inline uint32_t senderOf(const void* message) {
+  uint32_t sender = 0;
+  std::memcpy(&sender, static_cast<const unsigned char*>(message) + 8, 4);
+  return sender;
+}
+
+inline uint16_t msgIdOf(const void* message) {
+  uint16_t msgId = 0;
+  std::memcpy(&msgId, message, 2);
+  return msgId;
+}
+
+inline uint16_t totalLengthOf(const void* message) {
+  uint16_t totalLength = 0;
+  std::memcpy(&totalLength, static_cast<const unsigned char*>(message) + 14, 2);
+  return totalLength;
+}
+
+}  // namespace testing
+}  // namespace rhyddal

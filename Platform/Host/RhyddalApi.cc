@@ -1,0 +1,101 @@
+// The C interface of libRHYDDAL.so on a development host: thin calls into the process's event
+// machine and radio clock. Only the functions of Rhyddal.h are exported (RHYDDAL.map).
+#include <pthread.h>
+
+#include <cstdlib>
+
+#include "EventMachine.h"
+#include "HostEnvironment.h"
+#include "MailboxLayout.h"
+#include "RadioClock.h"
+#include "Rhyddal.h"
+
+namespace rhyddal {
+namespace {
+
+constexpr char kQueueBytesVariable[] = "RHYDDAL_QUEUE_BYTES";
+constexpr char kPoolBytesVariable[] = "RHYDDAL_POOL_BYTES";
+constexpr uint64_t kDefaultPoolBytes = uint64_t{256} << 20;
+constexpr uint64_t kMinPoolBytes = uint64_t{1} << 20;
+// A 32-bit process has 3 GiB of address space; a pool larger than a third of it is a typo.
+constexpr uint64_t kMaxPoolBytes = sizeof(void*) == 4 ? uint64_t{1} << 30 : uint64_t{64} << 30;
+
+uint32_t roundUpToPowerOfTwo(uint64_t value) {
+  uint64_t power = 1;
+  while (power < value) power <<= 1;
+  return static_cast<uint32_t>(power);
+}
+
+EventMachine* createMachine();
+
+EventMachine& machine() {
+  static EventMachine* const instance = createMachine();
+  return *instance;
+}
+
+void prepareFork() { machine().prepareFork(); }
+void afterForkInParent() { machine().afterForkInParent(); }
+void afterForkInChild() { machine().afterForkInChild(); }
+void unlinkOwnMailboxAtExit() { machine().unlinkOwnMailbox(); }
+
+// Never destroyed: buffers may be freed and messages sent from destructors that run at exit.
+EventMachine* createMachine() {
+  const uint64_t poolBytes = environmentNumber(kPoolBytesVariable, kDefaultPoolBytes, kMinPoolBytes, kMaxPoolBytes);
+  const uint64_t ringBytes = environmentNumber(kQueueBytesVariable, kDefaultRingBytes, kMinRingBytes, kMaxRingBytes);
+  auto* created = new EventMachine(poolBytes, roundUpToPowerOfTwo(ringBytes));
+  pthread_atfork(prepareFork, afterForkInParent, afterForkInChild);
+  return created;
+}
+
+}  // namespace
+}  // namespace rhyddal
+
+using rhyddal::machine;
+
+extern "C" {
+
+int vak_em_server_init(uint32_t nid, uint32_t cpu, uint32_t flags, uint32_t* handle) {
+  (void)flags;
+  const int rc = machine().serverInit(nid, cpu, handle);
+  if (rc == 0) std::atexit(rhyddal::unlinkOwnMailboxAtExit);
+  return rc;
+}
+
+int vak_em_add_test_route(uint32_t kind, uint32_t from, uint32_t to, uint32_t arg) {
+  (void)arg;
+  return machine().addTestRoute(kind, from, to);
+}
+
+void* vakem_alloc(uint32_t size) { return machine().alloc(size); }
+
+uint32_t vakem_alloc_direct(uint32_t size, uint32_t type, uint32_t pool) {
+  (void)type;
+  (void)pool;
+  return machine().allocDirect(size);
+}
+
+void vakem_free(void* buffer) { machine().free(buffer); }
+
+void* vakem_receive(uint32_t nid) { return machine().receive(nid); }
+
+int vakem_send(void* message, uint32_t receiver) { return machine().send(message, receiver); }
+
+int vakem_send_local_unreliable(void* message) { return machine().sendLocalUnreliable(message); }
+
+int vakem_send_direct(uint32_t event, uint32_t receiver) { return machine().sendDirect(event, receiver); }
+
+int vakem_wait_for_event(uint32_t seconds, uint32_t nanoseconds) {
+  return machine().waitForEvent(seconds, nanoseconds);
+}
+
+void* em_event_pointer(uint32_t event) { return machine().eventPointer(event); }
+
+int ddal_sfn_get_bcn(unsigned long long* counter, uint32_t* fine, uint32_t flags) {
+  (void)flags;
+  const rhyddal::RadioTime now = rhyddal::radioTimeAt(rhyddal::monotonicNanoseconds());
+  if (counter != nullptr) *counter = now.frameCounter;
+  if (fine != nullptr) *fine = now.fine;
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,328 @@
+#include "Dispatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "AaSysComMsgHeader.h"
+#include "CapturingLog.h"
+#include "FakeMsgPort.h"
+#include "FakeTimeSource.h"
+
+namespace {
+
+using Olm::Dispatcher;
+using Olm::LteTime;
+
+constexpr uint16_t kOwnNid = 0x1203;
+constexpr uint16_t kOtherNid = 0x1204;
+
+uint32_t sicad(uint16_t nid, uint16_t cpid) { return (static_cast<uint32_t>(nid) << 16) | cpid; }
+
+// An EU that records what it saw and answers PrioritizeMessage with a fixed priority.
+class RecordingEu : public Olm::IAaSysDispatcherSicHandler {
+ public:
+  explicit RecordingEu(int priority, std::vector<std::string>* journal = nullptr, std::string name = "")
+      : m_priority(priority), m_journal(journal), m_name(std::move(name)) {}
+
+  int PrioritizeMessage(void*&) override {
+    ++prioritized;
+    return m_priority;
+  }
+  void ProcessMessage(void*& msg) override {
+    processedIds.push_back(Olm::msgHeader(msg)->msgId);
+    if (m_journal) m_journal->push_back(m_name);
+    if (keepMessages) {
+      kept.push_back(msg);
+      msg = nullptr;
+    }
+  }
+
+  int prioritized = 0;
+  std::vector<uint16_t> processedIds;
+  std::vector<void*> kept;
+  bool keepMessages = false;
+
+ private:
+  int m_priority;
+  std::vector<std::string>* m_journal;
+  std::string m_name;
+};
+
+class DispatcherTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dispatcher = new Dispatcher();
+    dispatcher->setItsIMsgPort(&port);
+    dispatcher->setItsITimeSource(&time);
+    dispatcher->setItsILog(&log);
+    dispatcher->setOwnNid(kOwnNid);
+    dispatcher->setWait(0);
+  }
+  void TearDown() override {
+    delete dispatcher;
+    Dispatcher::setTheDispatcher(nullptr);
+    // Nothing may be left allocated beyond what a test deliberately kept.
+    EXPECT_EQ(port.doubleFrees(), 0u);
+  }
+
+  void* localMessage(uint16_t id, uint16_t cpid) { return port.makeMessage(id, sicad(kOwnNid, cpid), sicad(kOwnNid, 1)); }
+
+  OlmTest::FakeMsgPort port;
+  OlmTest::FakeTimeSource time;
+  OlmTest::CapturingLog log;
+  Dispatcher* dispatcher = nullptr;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Binding
+
+TEST_F(DispatcherTest, BindingFindsEachEuByCpidAndStopsAtTheEndOfTheUsedTable) {
+  RecordingEu a(3), b(3);
+  dispatcher->AaSysDispatcherCpidBind(a, 0x100);
+  dispatcher->AaSysDispatcherCpidBind(b, 0x200);
+  EXPECT_EQ(dispatcher->getItsIEu(0x100), &a);
+  EXPECT_EQ(dispatcher->getItsIEu(0x200), &b);
+  EXPECT_EQ(dispatcher->getItsIEu(0x300), nullptr);
+}
+
+TEST_F(DispatcherTest, SixtyFifthBindingIsDroppedSilentlyAndItsMessagesAreDiscarded) {
+  std::vector<RecordingEu> eus(Dispatcher::kEuSlots + 1, RecordingEu(3));
+  for (unsigned i = 0; i <= Dispatcher::kEuSlots; ++i) dispatcher->AaSysDispatcherCpidBind(eus[i], 0x100 + i);
+  EXPECT_EQ(dispatcher->getItsIEu(0x100 + Dispatcher::kEuSlots - 1), &eus[Dispatcher::kEuSlots - 1]);
+  EXPECT_EQ(dispatcher->getItsIEu(0x100 + Dispatcher::kEuSlots), nullptr);
+  EXPECT_EQ(log.count("duplicate"), 0u);
+
+  EXPECT_FALSE(dispatcher->ingress(localMessage(1, 0x100 + Dispatcher::kEuSlots)));
+  EXPECT_EQ(port.liveBuffers(), 0u);
+}
+
+TEST_F(DispatcherTest, DuplicateCpidAborts) {
+  RecordingEu a(3), b(3);
+  dispatcher->AaSysDispatcherCpidBind(a, 0x100);
+  EXPECT_DEATH(dispatcher->AaSysDispatcherCpidBind(b, 0x100), "Realtime/Dispatcher/Dispatcher:.*Assertion `0' failed");
+}
+
+TEST_F(DispatcherTest, BuiltInEusHoldTheirCpidsSoAnEuLibraryCannotTakeThem) {
+  dispatcher->getItsEchoServer().initStatsRaw();
+  dispatcher->bindBuiltInEus();
+  EXPECT_NE(dispatcher->getItsIEu(Dispatcher::kStatisticsCpid), nullptr);
+  EXPECT_NE(dispatcher->getItsIEu(Dispatcher::kFileTransferCpid), nullptr);
+  EXPECT_NE(dispatcher->getItsIEu(Dispatcher::kFileTransferLegacyCpid), nullptr);
+  RecordingEu intruder(3);
+  EXPECT_DEATH(dispatcher->AaSysDispatcherCpidBind(intruder, 0x610), "Assertion `0' failed");
+  // The statistics history timer is armed from the start.
+  EXPECT_NE(dispatcher->getItsTimerQueue().getEntry(0).msg, nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Ingress and dispatch
+
+TEST_F(DispatcherTest, DispatchOrderIsHighMedLowWhateverTheArrivalOrder) {
+  std::vector<std::string> journal;
+  RecordingEu high(1, &journal, "high"), med(2, &journal, "med"), low(7, &journal, "low");
+  dispatcher->AaSysDispatcherCpidBind(low, 0x300);
+  dispatcher->AaSysDispatcherCpidBind(med, 0x200);
+  dispatcher->AaSysDispatcherCpidBind(high, 0x100);
+  ASSERT_TRUE(dispatcher->ingress(localMessage(3, 0x300)));
+  ASSERT_TRUE(dispatcher->ingress(localMessage(2, 0x200)));
+  ASSERT_TRUE(dispatcher->ingress(localMessage(1, 0x100)));
+  for (int i = 0; i < 4; ++i) dispatcher->dispatch();
+  EXPECT_EQ(journal, (std::vector<std::string>{"high", "med", "low"}));
+  EXPECT_EQ(dispatcher->getCurrentCpid(), 0x300);  // not reset after processing
+  EXPECT_EQ(port.liveBuffers(), 0u);              // processed messages were freed
+}
+
+TEST_F(DispatcherTest, MessageForUnknownCpidIsDiscardedAndFreed) {
+  dispatcher->setVerbose(true);
+  EXPECT_FALSE(dispatcher->ingress(localMessage(1, 0x999)));
+  EXPECT_FALSE(dispatcher->ingress(nullptr));
+  EXPECT_EQ(port.liveBuffers(), 0u);
+  EXPECT_EQ(log.count("Discard"), 1u);
+}
+
+TEST_F(DispatcherTest, EuThatKeepsTheMessageOwnsIt) {
+  RecordingEu eu(3);
+  eu.keepMessages = true;
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  dispatcher->ingress(localMessage(1, 0x100));
+  dispatcher->dispatch();
+  ASSERT_EQ(eu.kept.size(), 1u);
+  EXPECT_EQ(port.liveBuffers(), 1u);
+  port.freeMsg(eu.kept[0]);
+}
+
+TEST_F(DispatcherTest, QueueHoldsAtMost1023MessagesAndThe1024thAborts) {
+  RecordingEu eu(2);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  for (int i = 0; i < 1023; ++i) ASSERT_TRUE(dispatcher->ingress(localMessage(1, 0x100)));
+  EXPECT_TRUE(dispatcher->getQueue(Dispatcher::MedQueue).isFull());
+  EXPECT_DEATH(dispatcher->ingress(localMessage(1, 0x100)), "Assertion `0' failed");
+  for (int i = 0; i < 1023; ++i) dispatcher->dispatch();
+}
+
+TEST_F(DispatcherTest, SendToOwnNodeIsQueuedLocallyAndToAnyOtherNodeGoesToThePort) {
+  RecordingEu eu(3);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  EXPECT_TRUE(dispatcher->sendMessage(localMessage(1, 0x100)));
+  EXPECT_TRUE(port.sent().empty());
+  EXPECT_EQ(dispatcher->getQueue(Dispatcher::LowQueue).count(), 1u);
+
+  void* remote = port.makeMessage(2, sicad(kOtherNid, 0x100), sicad(kOwnNid, 1));
+  dispatcher->sendMessage(remote);
+  ASSERT_EQ(port.sent().size(), 1u);
+  EXPECT_EQ(port.sent()[0], remote);
+  EXPECT_EQ(dispatcher->getQueue(Dispatcher::LowQueue).count(), 1u);
+  dispatcher->dispatch();
+}
+
+TEST_F(DispatcherTest, VerboseTraceNamesEachOperationWithTheCurrentCpid) {
+  RecordingEu eu(3);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  dispatcher->setVerbose(true);
+  dispatcher->deleteMessage(dispatcher->newMessage(16));
+  dispatcher->sendMessage(localMessage(1, 0x100));
+  dispatcher->dispatch();
+  EXPECT_EQ(log.count("->Allocate("), 1u);
+  EXPECT_EQ(log.count("->Send("), 1u);
+  EXPECT_EQ(log.count("->Prioritize("), 1u);
+  EXPECT_EQ(log.count("(0100)->Process("), 1u);
+  EXPECT_EQ(log.count("->Destroy("), 2u);
+  EXPECT_EQ(log.count("(0100)->Destroy("), 1u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The run loop
+
+TEST_F(DispatcherTest, HighMessageIsDispatchedBeforeTimersAndInput) {
+  RecordingEu high(1), low(3);
+  dispatcher->AaSysDispatcherCpidBind(high, 0x100);
+  dispatcher->AaSysDispatcherCpidBind(low, 0x200);
+  dispatcher->ingress(localMessage(1, 0x100));
+  port.deliver(localMessage(2, 0x200));
+  dispatcher->runIteration();
+  EXPECT_EQ(high.processedIds.size(), 1u);
+  EXPECT_EQ(low.prioritized, 0);  // the port was not read in that iteration
+  dispatcher->runIteration();     // input
+  EXPECT_EQ(low.prioritized, 1);
+  EXPECT_TRUE(low.processedIds.empty());
+  dispatcher->runIteration();  // dispatch of LOW
+  EXPECT_EQ(low.processedIds.size(), 1u);
+}
+
+TEST_F(DispatcherTest, AtMostOneMessageEntersFromThePortPerIteration) {
+  RecordingEu eu(3);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  port.deliver(localMessage(1, 0x100));
+  port.deliver(localMessage(2, 0x100));
+  dispatcher->runIteration();
+  EXPECT_EQ(eu.prioritized, 1);
+  dispatcher->runIteration();
+  EXPECT_EQ(eu.prioritized, 2);
+  // Input keeps the LOW message waiting; it is dispatched once the port is empty.
+  EXPECT_TRUE(eu.processedIds.empty());
+  dispatcher->runIteration();
+  dispatcher->runIteration();
+  EXPECT_EQ(eu.processedIds, (std::vector<uint16_t>{1, 2}));
+}
+
+TEST_F(DispatcherTest, EveryIterationSleepsTheConfiguredWaitAndReadsTheTime) {
+  dispatcher->setWait(250);
+  dispatcher->runIteration();
+  dispatcher->runIteration();
+  EXPECT_EQ(time.waits(), (std::vector<unsigned>{250, 250}));
+  EXPECT_EQ(time.reads(), 2u);
+}
+
+TEST_F(DispatcherTest, IdleWaitIsUnboundedWithoutTimersAndEndsAtTheNextDeadline) {
+  dispatcher->runIteration();
+  ASSERT_EQ(port.waits().size(), 1u);
+  EXPECT_EQ(port.waits()[0], std::make_pair(0xFFFFFFFFu, 0u));
+  EXPECT_TRUE(dispatcher->getIdle());
+
+  // 46080000 BTUs = 1.5 s.
+  RecordingEu eu(3);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  dispatcher->startTimer(LteTime(uint64_t{46080000}), LteTime(uint64_t{0}), localMessage(1, 0x100));
+  dispatcher->runIteration();
+  ASSERT_EQ(port.waits().size(), 2u);
+  EXPECT_EQ(port.waits()[1], std::make_pair(1u, 500000000u));
+  dispatcher->cancelTimer(dispatcher->getItsTimerQueue().getEntry(0).id);
+}
+
+TEST_F(DispatcherTest, OneShotTimerDeliversItsMessageOnceWhenDue) {
+  RecordingEu eu(3);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  dispatcher->runIteration();  // first count-down at time 0
+  dispatcher->startTimer(LteTime(uint64_t{1000}), LteTime(uint64_t{0}), localMessage(7, 0x100));
+  time.setSamples(999);
+  dispatcher->runIteration();
+  EXPECT_EQ(eu.prioritized, 0);
+  time.setSamples(1000);
+  dispatcher->runIteration();  // delivered into the queue
+  EXPECT_EQ(eu.prioritized, 1);
+  EXPECT_FALSE(dispatcher->getIdle());
+  dispatcher->runIteration();  // dispatched
+  EXPECT_EQ(eu.processedIds, (std::vector<uint16_t>{7}));
+  time.setSamples(5000);
+  dispatcher->runIteration();
+  EXPECT_EQ(eu.prioritized, 1);
+  EXPECT_EQ(port.liveBuffers(), 0u);
+}
+
+TEST_F(DispatcherTest, PeriodicTimerDeliversACopyEachPeriodAndKeepsItsMessage) {
+  RecordingEu eu(3);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  dispatcher->runIteration();
+  void* stored = localMessage(9, 0x100);
+  const unsigned id = dispatcher->startTimer(LteTime(uint64_t{100}), LteTime(uint64_t{100}), stored);
+  for (uint64_t now = 100; now <= 300; now += 100) {
+    time.setSamples(now);
+    dispatcher->runIteration();  // timer
+    dispatcher->runIteration();  // dispatch
+  }
+  EXPECT_EQ(eu.processedIds, (std::vector<uint16_t>{9, 9, 9}));
+  EXPECT_EQ(port.liveBuffers(), 1u);  // only the stored original
+  EXPECT_EQ(dispatcher->cancelTimer(id), stored);
+  EXPECT_EQ(dispatcher->cancelTimer(id), nullptr);
+  port.freeMsg(stored);
+}
+
+TEST_F(DispatcherTest, PeriodicTimerWithZeroLengthMessageAborts) {
+  RecordingEu eu(3);
+  dispatcher->AaSysDispatcherCpidBind(eu, 0x100);
+  dispatcher->runIteration();
+  void* broken = localMessage(9, 0x100);
+  Olm::msgHeader(broken)->totalLength = 0;
+  dispatcher->startTimer(LteTime(uint64_t{10}), LteTime(uint64_t{10}), broken);
+  time.setSamples(10);
+  EXPECT_DEATH(dispatcher->runIteration(), "Assertion `0' failed");
+  dispatcher->cancelTimer(dispatcher->getItsTimerQueue().getEntry(0).id);
+  port.freeMsg(broken);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Statistics text
+
+TEST_F(DispatcherTest, StatisticsTextShowsDeltasSinceTheLastRead) {
+  dispatcher->initStatsLog();
+  Olm::EchoServer::OLMLiteStatsRaw* stats = dispatcher->getItsEchoServer().getStatsRaw();
+  stats->idleTicks = 300;
+  stats->messagingTicks = 100;
+  stats->totalLoopTicks = 300;
+  Dispatcher::lockFn(nullptr);
+  const std::string first = dispatcher->getStatsBuffer();
+  EXPECT_NE(first.find("idleTicks=300\ndispOverHeadTicks=200\nmessagingTicks=100\n"), std::string::npos) << first;
+  EXPECT_NE(first.find("Idle Time=50.00\nDispatcher Overhead=33.33\nMessaging Callbacks=16.67\n"), std::string::npos)
+      << first;
+  Dispatcher::unlockFn(nullptr);
+  EXPECT_EQ(dispatcher->getStatsBuffer()[0], '\0');
+  Dispatcher::lockFn(nullptr);
+  const std::string second = dispatcher->getStatsBuffer();
+  EXPECT_NE(second.find("idleTicks=0\n"), std::string::npos);
+  EXPECT_NE(second.find("Idle Time=0.00\n"), std::string::npos);
+}
+
+}  // namespace

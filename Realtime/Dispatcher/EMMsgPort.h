@@ -1,0 +1,65 @@
+// Olm::EMMsgPort: the Dispatcher's message port over the platform's event machine
+// (libRHYDDAL.so), which owns the buffers, the per-node receive queues and the transport.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "IMsgPort.h"
+
+extern "C" {
+// The event machine's server initialisation and test route, exported under these plain names.
+int olm_lite_em_server_init(unsigned short nid, unsigned int cpu, uint32_t* handle);
+int olm_lite_em_add_test_route(unsigned int kind, unsigned int from, unsigned int to, unsigned int arg);
+}
+
+namespace Olm {
+
+class EMMsgPort : public IMsgPort {
+ public:
+  // The event machine's queue table, read by the out-of-buffers post-mortem.
+  static constexpr uint32_t kQueueTablePhysical = 0x2A40000;
+  static constexpr uint32_t kQueueTableSize = 0x40000;
+  static constexpr unsigned kQueueCount = 16384;
+
+  EMMsgPort() = default;
+
+  // Attaches to the event machine as the node's server; returns 0 or a negative error code.
+  int initialize(unsigned short ownNid, unsigned int cpu, unsigned short masterNid);
+
+  // Never returns null: running out of buffers writes the post-mortem and aborts.
+  void* allocMsg(size_t size) override;
+  void freeMsg(void* msg) override;
+  void* recvMsg() override;
+  // A failed send frees the message; nothing is reported.
+  void sendMsg(void* msg) override;
+  void waitForNextEvent(unsigned int seconds, unsigned int nanoseconds) override;
+
+  // Entries waiting in one queue of a mapped queue table (first word of its 16-byte record).
+  static unsigned int qlen(unsigned int* table, unsigned int queue);
+
+  uint32_t getHandle() const { return m_handle; }
+  uint32_t getOwnNid() const { return m_ownNid; }
+  uint16_t getMasterNid() const { return m_masterNid; }
+
+ private:
+  [[noreturn]] void failOutOfBuffers();
+  void dumpQueueTable();
+  void dumpQueueHistory();
+
+  uint32_t m_handle = 0;
+  uint32_t m_ownNid = 0;
+  uint16_t m_masterNid = 0;
+};
+
+// Raw event-machine events: the event header is 8 bytes (0, 2, message id big-endian, 4 zero
+// bytes) in front of the payload.
+unsigned int em_alloc(unsigned int size, unsigned int type, unsigned int pool);
+void em_free(unsigned int event);
+int em_send(unsigned int event, unsigned int receiver);
+void* em_event_pointer(unsigned int event);
+void* EmSwEventPrepare(unsigned int event, unsigned short msgId);
+void* EmSwEventGetPayload(unsigned int event);
+unsigned short EmSwEventGetMessageId(unsigned int event);
+
+}  // namespace Olm

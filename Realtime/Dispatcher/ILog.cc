@@ -1,0 +1,33 @@
+#include "ILog.h"
+
+namespace Olm {
+
+void ILog::logf(unsigned int count, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vlogf(count, format, args);
+  va_end(args);
+}
+
+void ILog::logfString(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vlogfString(format, args);
+  va_end(args);
+}
+
+void ILog::logfMessage(unsigned int count, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vlogfMessage(count, format, args);
+  va_end(args);
+}
+
+void IMsgFilterLog::logfMessage(unsigned int count, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vlogfMessage(count, format, args);
+  va_end(args);
+}
+
+}  // namespace Olm

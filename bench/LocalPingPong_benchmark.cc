@@ -1,0 +1,85 @@
+// Two EUs in one node ping-ponging through the whole runtime with --wait 0: every loop iteration
+// dispatches one message, whose EU answers the other EU. Reported as messages per second.
+//
+//   Reply:   each message is answered with a new one (create, send; the runtime frees the old).
+//   Forward: the same buffer goes back and forth (no allocation on the path).
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "AaSysCom.h"
+#include "Dispatcher.h"
+
+namespace {
+
+constexpr TAaSysComCpid kPingCpid = 0x0701;
+constexpr TAaSysComCpid kPongCpid = 0x0702;
+constexpr TAaSysComMsgId kBallMsgId = 0x0B01;
+constexpr uint32_t kPayloadSize = 16;
+
+enum class Mode { Reply, Forward };
+
+class PlayerEu : public Olm::IAaSysDispatcherSicHandler {
+ public:
+  PlayerEu(TAaSysComCpid peer) : m_peer(peer) {}
+  Mode mode = Mode::Reply;
+  bool catchBall = false;  // end of a rally: keep the ball out of play (the runtime frees it)
+
+  int PrioritizeMessage(void*&) override { return 3; }
+  void ProcessMessage(void*& msg) override {
+    if (catchBall) return;
+    if (mode == Mode::Forward) {
+      AaSysComMsgForward(&msg, AaSysComSicadGet(m_peer, AaSysComGetOwnNid()));
+      return;
+    }
+    void* reply = AaSysComMsgCreateReply(kBallMsgId, kPayloadSize, msg);
+    AaSysComMsgSetReceiver(&reply, AaSysComSicadGet(m_peer, AaSysComGetOwnNid()));
+    AaSysComMsgSend(&reply);
+  }
+
+ private:
+  TAaSysComCpid m_peer;
+};
+
+PlayerEu ping(kPongCpid);
+PlayerEu pong(kPingCpid);
+
+Olm::Dispatcher& node() {
+  static Olm::Dispatcher* dispatcher = [] {
+    std::string nid = std::to_string(0x6000 + (getpid() & 0xFFF));
+    std::string argv0 = "LocalPingPong_benchmark", nidOption = "--nid", waitOption = "--wait", zero = "0";
+    char* argv[] = {argv0.data(), nidOption.data(), nid.data(), waitOption.data(), zero.data(), nullptr};
+    auto* d = static_cast<Olm::Dispatcher*>(Olm::IAaSysDispatcher::IAaSysDispatcherCreate(5, argv));
+    d->AaSysDispatcherCpidBind(ping, kPingCpid);
+    d->AaSysDispatcherCpidBind(pong, kPongCpid);
+    return d;
+  }();
+  return *dispatcher;
+}
+
+void serve(Mode mode) {
+  ping.mode = mode;
+  pong.mode = mode;
+  void* ball = AaSysComMsgCreate(kBallMsgId, kPayloadSize, AaSysComSicadGet(kPongCpid, AaSysComGetOwnNid()));
+  AaSysComMsgSetSender(ball, AaSysComSicadGet(kPingCpid, AaSysComGetOwnNid()));
+  AaSysComMsgSend(&ball);
+}
+
+void BM_LocalPingPong(benchmark::State& state, Mode mode) {
+  Olm::Dispatcher& dispatcher = node();
+  serve(mode);
+  for (auto _ : state) dispatcher.runIteration();
+  state.SetItemsProcessed(state.iterations());
+  // Leave no ball in play for the next benchmark.
+  ping.catchBall = pong.catchBall = true;
+  dispatcher.runIteration();
+  ping.catchBall = pong.catchBall = false;
+}
+
+BENCHMARK_CAPTURE(BM_LocalPingPong, Reply, Mode::Reply);
+BENCHMARK_CAPTURE(BM_LocalPingPong, Forward, Mode::Forward);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,25 @@
+# What an EU project outside this repository needs: the runtime, the hosting executable, the host
+# platform library, the public headers, and a CMake package (find_package(OlmLiteRt)) whose target
+# OlmLiteRt::OlmLiteRt carries the include directory.
+include(CMakePackageConfigHelpers)
+
+set(OLM_INSTALL_TARGETS OlmLiteRt OLMLiteExe)
+if(OLM_HOST_PLATFORM)
+  list(APPEND OLM_INSTALL_TARGETS RHYDDAL)
+  install(FILES ${PROJECT_SOURCE_DIR}/Platform/Include/Rhyddal.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
+endif()
+
+install(TARGETS ${OLM_INSTALL_TARGETS} EXPORT OlmLiteRtTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
+install(FILES ${OLM_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
+
+install(EXPORT OlmLiteRtTargets NAMESPACE OlmLiteRt:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OlmLiteRt)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/OlmLiteRtConfig.cmake.in
+                              ${PROJECT_BINARY_DIR}/OlmLiteRtConfig.cmake
+                              INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OlmLiteRt)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/OlmLiteRtConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/OlmLiteRtConfig.cmake ${PROJECT_BINARY_DIR}/OlmLiteRtConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OlmLiteRt)

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Builds and runs every test: the native build, then the sanitizer build (address + undefined).
+# Usage: scripts/test.sh            (build trees under ./build)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/setup-debian.sh"
+
+run_suite() {
+  local name=$1
+  shift
+  local build_dir="$root/build/$name"
+  echo "=== $name: build"
+  "$root/scripts/build.sh" "$build_dir" "$@"
+  echo "=== $name: test"
+  (cd "$build_dir" && ctest --output-on-failure -j2 --timeout 300)
+}
+
+run_suite native
+run_suite sanitize -DOLM_SANITIZE=ON -DOLM_BUILD_BENCH=OFF -DOLM_BUILD_EXAMPLES=ON

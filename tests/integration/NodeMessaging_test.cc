@@ -1,0 +1,65 @@
+// Nodes talking through the host platform: real processes, each running the example PingEu.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+
+#include "NodeProcess.h"
+
+namespace {
+
+using OlmTest::NodeProcess;
+
+std::string hex(unsigned value) {
+  char text[16];
+  std::snprintf(text, sizeof(text), "0x%04x", value);
+  return text;
+}
+
+std::unique_ptr<NodeProcess> startPingNode(unsigned nid, unsigned peer) {
+  return std::make_unique<NodeProcess>(
+      std::vector<std::string>{"--nid", hex(nid), "--wait", "1000", "--load-local", OlmTest::pingEuPath()},
+      std::vector<std::string>{"OLM_PING_PEER=" + hex(peer), "OLM_PING_PERIOD_MS=50"});
+}
+
+
+TEST(NodeMessaging, TwoNodesExchangePingsAndPongs) {
+  const unsigned a = OlmTest::uniqueNid(10), b = OlmTest::uniqueNid(11);
+  auto nodeA = startPingNode(a, b);
+  auto nodeB = startPingNode(b, a);
+  EXPECT_TRUE(nodeA->waitForOutput("pong #")) << nodeA->output();
+  EXPECT_TRUE(nodeB->waitForOutput("pong #")) << nodeB->output();
+  EXPECT_TRUE(nodeA->waitForOutput("from node " + hex(b))) << nodeA->output();
+  EXPECT_TRUE(nodeB->waitForOutput("ping #")) << nodeB->output();
+}
+
+TEST(NodeMessaging, SendingToANodeThatIsNotRunningDropsTheMessagesAndTheSenderCarriesOn) {
+  const unsigned a = OlmTest::uniqueNid(12), absent = OlmTest::uniqueNid(13);
+  auto nodeA = startPingNode(a, absent);
+  ASSERT_TRUE(nodeA->waitForOutput("Initializing")) << nodeA->output();
+  EXPECT_FALSE(nodeA->waitForOutput("pong #", std::chrono::milliseconds(700)));
+  EXPECT_TRUE(nodeA->running());
+  // Once the peer exists, the same sends go through.
+  auto nodeB = startPingNode(absent, a);
+  EXPECT_TRUE(nodeA->waitForOutput("pong #")) << nodeA->output();
+}
+
+TEST(NodeMessaging, NodeKilledAndRestartedWhilePeerKeepsSendingIsReachedAgain) {
+  const unsigned a = OlmTest::uniqueNid(14), b = OlmTest::uniqueNid(15);
+  auto nodeA = startPingNode(a, b);
+  auto nodeB = startPingNode(b, a);
+  ASSERT_TRUE(nodeA->waitForOutput("pong #")) << nodeA->output();
+
+  nodeB->kill(SIGKILL);
+  nodeB->waitForExit();
+  // While B is gone A keeps pinging into the void; let it try a few times.
+  nodeA->waitForOutput("never printed", std::chrono::milliseconds(400));
+  EXPECT_TRUE(nodeA->running());
+
+  nodeB = startPingNode(b, a);
+  EXPECT_TRUE(nodeB->waitForOutput("ping #")) << nodeB->output();
+  EXPECT_TRUE(nodeA->waitForOutput("pong #")) << nodeA->output();
+  EXPECT_TRUE(nodeB->waitForOutput("pong #")) << nodeB->output();
+}
+
+}  // namespace

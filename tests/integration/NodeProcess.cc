@@ -1,0 +1,109 @@
+#include "NodeProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+extern char** environ;
+
+namespace OlmTest {
+
+NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return;
+  std::vector<std::string> command{executablePath()};
+  command.insert(command.end(), args.begin(), args.end());
+  m_pid = fork();
+  if (m_pid == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
+    std::vector<char*> argv;
+    for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  m_outputFd = fds[0];
+  fcntl(m_outputFd, F_SETFL, O_NONBLOCK);
+}
+
+NodeProcess::~NodeProcess() {
+  if (running()) {
+    kill(SIGKILL);
+    waitForExit();
+  }
+  if (m_outputFd >= 0) close(m_outputFd);
+}
+
+bool NodeProcess::readSome(std::chrono::milliseconds timeout) {
+  pollfd descriptor{m_outputFd, POLLIN, 0};
+  if (poll(&descriptor, 1, static_cast<int>(timeout.count())) <= 0) return false;
+  char buffer[4096];
+  const ssize_t n = read(m_outputFd, buffer, sizeof(buffer));
+  if (n <= 0) return false;
+  m_output.append(buffer, static_cast<size_t>(n));
+  return true;
+}
+
+bool NodeProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    const size_t found = m_output.find(text, m_searchFrom);
+    if (found != std::string::npos) {
+      m_searchFrom = found + text.size();
+      return true;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    if (!readSome(std::min(left, std::chrono::milliseconds(100))) && !running()) {
+      while (readSome(std::chrono::milliseconds(0))) {
+      }
+      return m_output.find(text, m_searchFrom) != std::string::npos;
+    }
+  }
+}
+
+size_t NodeProcess::countOutput(const std::string& text) const {
+  size_t count = 0;
+  for (size_t at = m_output.find(text); at != std::string::npos; at = m_output.find(text, at + text.size())) ++count;
+  return count;
+}
+
+void NodeProcess::kill(int signal) {
+  if (m_pid > 0 && !m_exited) ::kill(m_pid, signal);
+}
+
+bool NodeProcess::running() {
+  if (m_pid <= 0 || m_exited) return false;
+  if (waitpid(m_pid, &m_status, WNOHANG) == m_pid) m_exited = true;
+  return !m_exited;
+}
+
+int NodeProcess::waitForExit(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (running()) {
+    if (std::chrono::steady_clock::now() > deadline) return -1;
+    readSome(std::chrono::milliseconds(20));
+  }
+  while (readSome(std::chrono::milliseconds(0))) {
+  }
+  return m_pid > 0 ? m_status : -1;
+}
+
+std::string executablePath() { return OLM_TEST_EXECUTABLE; }
+
+std::string libraryPath(const std::string& name) { return std::string(OLM_TEST_LIBRARY_DIR) + "/lib" + name + ".so"; }
+
+std::string pingEuPath() { return OLM_TEST_PING_EU; }
+
+// Node ids in 0x2000..0x5FFF, spread by process id so that test runs in parallel do not meet.
+unsigned uniqueNid(unsigned offset) { return 0x2000 + ((static_cast<unsigned>(getpid()) * 8 + offset) & 0x3FFF); }
+
+}  // namespace OlmTest

@@ -1,0 +1,48 @@
+// A real node process for integration tests: OLMLiteExe started with a command line and extra
+// environment, its standard output and error merged into one pipe that the test reads.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace OlmTest {
+
+class NodeProcess {
+ public:
+  NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment = {});
+  ~NodeProcess();  // kills the process if it still runs
+  NodeProcess(const NodeProcess&) = delete;
+  NodeProcess& operator=(const NodeProcess&) = delete;
+
+  // Reads output until text has appeared (counting from the last call's match), or the time ran out.
+  bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // Occurrences of text in everything read so far.
+  size_t countOutput(const std::string& text) const;
+  const std::string& output() const { return m_output; }
+
+  void kill(int signal);
+  // The wait status, or -1 if the process did not end in time.
+  int waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  bool running();
+
+ private:
+  bool readSome(std::chrono::milliseconds timeout);
+
+  pid_t m_pid = -1;
+  int m_outputFd = -1;
+  std::string m_output;
+  size_t m_searchFrom = 0;
+  bool m_exited = false;
+  int m_status = 0;
+};
+
+// Paths of the built programs and libraries, and a node id no other test run uses.
+std::string executablePath();
+std::string libraryPath(const std::string& name);
+std::string pingEuPath();
+unsigned uniqueNid(unsigned offset);
+
+}  // namespace OlmTest

@@ -1,0 +1,1 @@
+#include "FakeTimeSource.h"

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs every test: the native build, then the sanitizer build (address + undefined).
+# Builds and runs every test: the native build, the sanitizer build (address + undefined), the
+# aarch64 build (compiled only) and the 32-bit ARM build, whose tests run under qemu-arm.
 # Usage: scripts/test.sh            (build trees under ./build)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -17,3 +18,5 @@ run_suite() {
 
 run_suite native
 run_suite sanitize -DOLM_SANITIZE=ON -DOLM_BUILD_BENCH=OFF -DOLM_BUILD_EXAMPLES=ON
+"$root/scripts/build-aarch64.sh" "$root/build/aarch64"
+"$root/scripts/test-armhf.sh" "$root/build/armhf"

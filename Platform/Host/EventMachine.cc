@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "PhysicalMemory.h"
+#include "SysComFields.h"
 
 namespace rhyddal {
 namespace {
@@ -16,32 +17,15 @@ namespace {
 constexpr uint32_t kLoopbackRouteKind = 1;
 constexpr uint32_t kMaxNid = 0xFFFF;
 constexpr uint32_t kHandleTag = 0x00010000;  // keeps the transport handle non-zero for node 0
-constexpr uint32_t kSysComHeaderBytes = 16;
-constexpr size_t kSysComReceiverOffset = 4;
-constexpr size_t kSysComTotalLengthOffset = 14;
 constexpr uint32_t kWaitWithoutServerResult = 1;
 
 uint16_t nidOf(uint32_t sicAddress) { return static_cast<uint16_t>(sicAddress >> 16); }
 
-uint32_t readReceiver(const void* message) {
-  uint32_t receiver = 0;
-  std::memcpy(&receiver, static_cast<const unsigned char*>(message) + kSysComReceiverOffset, sizeof(receiver));
-  return receiver;
-}
-
-uint32_t readTotalLength(const void* message) {
-  uint16_t totalLength = 0;
-  std::memcpy(&totalLength, static_cast<const unsigned char*>(message) + kSysComTotalLengthOffset,
-              sizeof(totalLength));
-  return totalLength;
-}
-
-// Pins only to a CPU the process may run on; a CPU that does not exist leaves the thread as it is.
+// A CPU that does not exist, or that this process may not use, leaves the thread as it was: the
+// kernel refuses the mask and the refusal is ignored. (Checking against the thread's current mask
+// instead would wrongly refuse a CPU that an inherited pinning merely excludes.)
 void pinCallingThread(uint32_t cpu) {
-  cpu_set_t allowed;
-  CPU_ZERO(&allowed);
-  if (cpu >= CPU_SETSIZE || sched_getaffinity(0, sizeof(allowed), &allowed) != 0) return;
-  if (!CPU_ISSET(cpu, &allowed)) return;
+  if (cpu >= CPU_SETSIZE) return;
   cpu_set_t only;
   CPU_ZERO(&only);
   CPU_SET(cpu, &only);
@@ -127,7 +111,7 @@ void* EventMachine::receive(uint32_t nid) {
 int EventMachine::send(void* message, uint32_t receiver) {
   BufferInfo info{};
   if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
-  const uint32_t length = readTotalLength(message);
+  const uint32_t length = sysComTotalLength(message);
   if (length < kSysComHeaderBytes || length > info.capacity) return -EMSGSIZE;
   return transmit(message, length, RecordKind::kMessage, nidOf(receiver));
 }
@@ -135,7 +119,7 @@ int EventMachine::send(void* message, uint32_t receiver) {
 int EventMachine::sendLocalUnreliable(void* message) {
   BufferInfo info{};
   if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
-  return send(message, readReceiver(message));
+  return send(message, sysComReceiver(message));
 }
 
 int EventMachine::sendDirect(uint32_t event, uint32_t receiver) {

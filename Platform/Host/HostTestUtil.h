@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "HostEnvironment.h"
+#include "Rhyddal.h"
 
 namespace rhyddal {
 namespace testing {
@@ -94,6 +95,33 @@ class MailboxCleanup {
 
  private:
   uint16_t nid_;
+};
+
+// Serves nid in this process without pinning; a server init that succeeds must give a handle.
+inline int becomeNode(uint16_t nid) {
+  uint32_t handle = 0;
+  const int rc = vak_em_server_init(nid, kNoCpu, 0, &handle);
+  return rc == 0 && handle == 0 ? -1 : rc;
+}
+
+// A node process that serves nid and does nothing else until it is killed; its mailbox goes
+// when the test ends.
+class IdleNode {
+ public:
+  explicit IdleNode(uint16_t nid)
+      : cleanup_(nid), process_([this, nid] {
+          up_.notify(becomeNode(nid) == 0 ? 1 : 2);
+          pause();
+          return 0;
+        }) {}
+  // True once the node serves; false when its start failed or took too long.
+  bool up() { return up_.waitFor() == 1; }
+  int kill() { return process_.kill(); }
+
+ private:
+  MailboxCleanup cleanup_;
+  Rendezvous up_;
+  ChildProcess process_;
 };
 
 inline uint32_t sicAddress(uint16_t nid, uint16_t cpid) { return (uint32_t{nid} << 16) | cpid; }

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,12 +19,11 @@
 
 #include "HostEnvironment.h"
 #include "MessagePool.h"
+#include "SysComFields.h"
 
 namespace rhyddal {
 namespace {
 
-constexpr uint32_t kSysComHeaderBytes = 16;
-constexpr uint32_t kSysComTotalLengthOffset = 14;
 constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
 constexpr long kNanosecondsPerSecond = 1000000000L;
 
@@ -165,13 +163,6 @@ int initialiseHeader(MailboxHeader* header, uint16_t nid, uint32_t ringBytes) {
   if (rc != 0) return -rc;
   header->magic.store(kMailboxMagic, std::memory_order_release);
   return 0;
-}
-
-uint32_t readTotalLength(const void* message) {
-  uint16_t totalLength = 0;
-  std::memcpy(&totalLength, static_cast<const unsigned char*>(message) + kSysComTotalLengthOffset,
-              sizeof(totalLength));
-  return totalLength;
 }
 
 }  // namespace
@@ -341,7 +332,7 @@ bool Mailbox::messageIsSound(const void* copy, const RecordHeader& record) const
                  static_cast<unsigned>(nid_), static_cast<unsigned>(record.length));
     return false;
   }
-  const uint32_t totalLength = readTotalLength(copy);
+  const uint32_t totalLength = sysComTotalLength(copy);
   const bool sound = record.kind == static_cast<uint16_t>(RecordKind::kRawEvent)
                          ? totalLength >= kSysComHeaderBytes && totalLength <= record.length
                          : totalLength == record.length;
@@ -402,6 +393,11 @@ void Mailbox::unlinkName() {
   struct stat status {};
   if (stat(shmFilePath(name).c_str(), &status) != 0) return;
   if (status.st_dev == device_ && status.st_ino == inode_) shm_unlink(name.c_str());
+}
+
+void removeMailboxOfDeadNode(uint16_t nid) {
+  NodeStartLock startLock;
+  if (startLock.held()) removeDeadMailbox(mailboxObjectName(nid));
 }
 
 std::vector<uint16_t> listMailboxNids() {

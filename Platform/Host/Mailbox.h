@@ -89,4 +89,7 @@ class Mailbox {
 // Node ids of this user's mailboxes present in /dev/shm (live or left behind by dead nodes).
 std::vector<uint16_t> listMailboxNids();
 
+// Removes the mailbox of nid if no live node owns it (a node killed leaves its mailbox behind).
+void removeMailboxOfDeadNode(uint16_t nid);
+
 }  // namespace rhyddal

@@ -76,15 +76,17 @@ class TimingUpdater {
  public:
   TimingUpdater(std::string path, uint64_t periodNs) : path_(std::move(path)), periodNs_(periodNs) {}
 
+  // Candidates block on the lock instead of polling for it: the kernel hands it to one of them
+  // the moment the updater dies, so the timing page never stalls for a polling interval.
   void run() {
     setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kUpdaterNiceness);
     while (openLockFile()) {
-      if (flock(lockFd_.load(), LOCK_EX | LOCK_NB) == 0) {
+      if (flock(lockFd_.load(), LOCK_EX) == 0) {
         if (mapTargets()) serve();
         closeLock();  // cannot serve: leave the role to a candidate that can
         return;
       }
-      sleepUntil(monotonicNanoseconds() + kCandidateRetryMs * kNanosecondsPerMillisecond);
+      if (errno != EINTR) sleepUntil(monotonicNanoseconds() + kCandidateRetryMs * kNanosecondsPerMillisecond);
     }
   }
 
@@ -149,7 +151,19 @@ class TimingUpdater {
       const auto found = current.find(nid);
       if (node.live && (found == current.end() || !found->second.live)) clearRecord(nid);
     }
+    removeNewlyDeadMailboxes(current);
     nodes_.swap(current);
+  }
+
+  // A killed node leaves its mailbox behind; the updater clears such leftovers once, when it first
+  // sees them dead, so /dev/shm does not fill up with them on a host where nodes come and go.
+  void removeNewlyDeadMailboxes(const std::map<uint16_t, TrackedNode>& current) {
+    for (const auto& [nid, node] : current) {
+      if (node.live) continue;
+      const auto known = nodes_.find(nid);
+      const bool seenDeadBefore = known != nodes_.end() && known->second.inode == node.inode && !known->second.live;
+      if (!seenDeadBefore) removeMailboxOfDeadNode(nid);
+    }
   }
 
   // A node already known under the same inode keeps its mapping; a dead one stays dead until a

@@ -4,7 +4,7 @@
 //
 // One process per host keeps them current (the timing updater); every node process starts a
 // candidate, and a flock on the physical-memory file elects one. A killed updater's lock goes with
-// it, and another candidate takes over within kCandidateRetryMs.
+// it, and a waiting candidate takes over at once.
 #pragma once
 
 #include <time.h>
@@ -46,7 +46,7 @@ constexpr size_t kQueueHistoryRecordBytes = 512;
 constexpr size_t kQueueHistoryBytes = kQueueHistoryRecords * kQueueHistoryRecordBytes;
 static_assert(kQueueHistoryBytes == 51200, "queue history object size");
 
-constexpr uint32_t kCandidateRetryMs = 100;
+constexpr uint32_t kCandidateRetryMs = 100;  // after a failed lock call other than EINTR
 constexpr uint32_t kDefaultTimingUpdateUs = 1000;
 
 // The file named by OLM_DEVMEM (empty when unset).

@@ -18,10 +18,7 @@
 namespace rhyddal {
 namespace {
 
-using testing::ChildProcess;
-using testing::kNoCpu;
-using testing::MailboxCleanup;
-using testing::Rendezvous;
+using testing::IdleNode;  // each node process is also a candidate timing updater
 using testing::sicAddress;
 using testing::testNid;
 using testing::writeTestMessage;
@@ -69,25 +66,6 @@ uint64_t cdmaCounter(const volatile uint32_t* page) {
   return (uint64_t{high} << 32) | low;
 }
 
-// A node process: its start makes it a candidate for the host's timing updater.
-class RunningNode {
- public:
-  explicit RunningNode(uint16_t nid)
-      : cleanup_(nid), process_([this, nid] {
-          uint32_t handle = 0;
-          up_.notify(vak_em_server_init(nid, kNoCpu, 0, &handle) == 0 ? 1 : 2);
-          pause();
-          return 0;
-        }) {}
-  bool up() { return up_.waitFor() == 1; }
-  void kill() { process_.kill(); }
-
- private:
-  MailboxCleanup cleanup_;
-  Rendezvous up_;
-  ChildProcess process_;
-};
-
 TEST(PhysicalMemory, LoadingTheLibraryProvidesTheEmulatedDeviceFile) {
   const std::string path = physicalMemoryPath();
   ASSERT_FALSE(path.empty()) << "OLM_DEVMEM is set when the library is loaded";
@@ -125,7 +103,7 @@ TEST(PhysicalMemory, HistoryLineListsNodesAndAlwaysFitsItsRecord) {
 }
 
 TEST(PhysicalMemory, TimingPageAdvancesInRealTime) {
-  RunningNode node(testNid(0));
+  IdleNode node(testNid(0));
   ASSERT_TRUE(node.up());
   Mapping mapping(physicalMemoryPath().c_str(), kTimingPageBytes, kTimingPageOffset);
   const volatile uint32_t* page = mapping.as<uint32_t>();
@@ -149,8 +127,8 @@ TEST(PhysicalMemory, TimingPageAdvancesInRealTime) {
 
 TEST(PhysicalMemory, QueueTableAndHistoryShowWhatANodeHasWaiting) {
   const uint16_t nid = testNid(1);
-  RunningNode node(nid);
-  RunningNode survivor(testNid(2));  // keeps an updater alive after node is killed
+  IdleNode node(nid);
+  IdleNode survivor(testNid(2));  // keeps an updater alive after node is killed
   ASSERT_TRUE(node.up());
   ASSERT_TRUE(survivor.up());
   for (uint32_t i = 0; i < 3; ++i) {

@@ -14,7 +14,9 @@
 namespace rhyddal {
 namespace {
 
+using testing::becomeNode;
 using testing::ChildProcess;
+using testing::IdleNode;
 using testing::isTestMessage;
 using testing::kNoCpu;
 using testing::MailboxCleanup;
@@ -34,12 +36,6 @@ void* newMessage(uint32_t length, uint32_t receiver, uint32_t sender, uint32_t s
   void* message = vakem_alloc(length);
   if (message != nullptr) writeTestMessage(message, length, receiver, sender, seed);
   return message;
-}
-
-int becomeNode(uint16_t nid) {
-  uint32_t handle = 0;
-  const int rc = vak_em_server_init(nid, kNoCpu, 0, &handle);
-  return rc == 0 && handle == 0 ? -1 : rc;
 }
 
 uint64_t nowNs(clockid_t clock = CLOCK_MONOTONIC) {
@@ -117,14 +113,8 @@ TEST(NodeTransport, SendToANodeIdWhereNoNodeRunsFails) {
 
 TEST(NodeTransport, NodeKilledAndRestartedWithTheSameIdReceivesAgain) {
   const uint16_t nid = testNid(3);
-  MailboxCleanup cleanup(nid);
-  Rendezvous up;
-  ChildProcess first([&] {
-    up.notify(becomeNode(nid) == 0 ? 1 : 2);
-    pause();
-    return 0;
-  });
-  ASSERT_EQ(up.waitFor(), 1u);
+  IdleNode first(nid);
+  ASSERT_TRUE(first.up());
   void* message = newMessage(100, sicAddress(nid, kCpid), 0, 1);
   ASSERT_EQ(vakem_send(message, sicAddress(nid, kCpid)), 0);
   first.kill();
@@ -143,14 +133,8 @@ TEST(NodeTransport, NodeKilledAndRestartedWithTheSameIdReceivesAgain) {
 
 TEST(NodeTransport, FullReceiverFailsTheSendAtOnce) {
   const uint16_t nid = testNid(4);
-  MailboxCleanup cleanup(nid);
-  Rendezvous up;
-  ChildProcess idle([&] {
-    up.notify(becomeNode(nid) == 0 ? 1 : 2);
-    pause();
-    return 0;
-  });
-  ASSERT_EQ(up.waitFor(), 1u);
+  IdleNode idle(nid);
+  ASSERT_TRUE(idle.up());
   int rc = 0;
   uint32_t accepted = 0;
   uint64_t slowestNs = 0;
@@ -210,11 +194,12 @@ TEST(NodeTransport, ServerInitTakesOneNodeIdPerProcessAndOnlyAFreeOne) {
   MailboxCleanup otherCleanup(other);
   Rendezvous up;
   ChildProcess owner([&] {
-    if (vak_em_server_init(nid, kNoCpu, 0, nullptr) != -EINVAL) return up.notify(2), 0;
-    if (vak_em_server_init(0x10000, kNoCpu, 0, nullptr) != -EINVAL) return up.notify(3), 0;
+    uint32_t handle = 0;
+    const bool refusesBadArguments = vak_em_server_init(nid, kNoCpu, 0, nullptr) == -EINVAL &&
+                                     vak_em_server_init(0x10000, kNoCpu, 0, &handle) == -EINVAL;
     const int first = becomeNode(nid);
     const int second = becomeNode(other);
-    up.notify(first == 0 && second == -EALREADY ? 1 : 4);
+    up.notify(refusesBadArguments && first == 0 && second == -EALREADY ? 1 : 2);
     pause();
     return 0;
   });

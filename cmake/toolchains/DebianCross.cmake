@@ -22,8 +22,10 @@ set(OLM_CROSS_TOOLCHAIN_ROOT /usr/${OLM_CROSS_TRIPLE})
 set(OLM_CROSS_LIBRARY_DIRS ${OLM_CROSS_SYSROOT}/lib/${OLM_CROSS_TRIPLE} ${OLM_CROSS_SYSROOT}/usr/lib/${OLM_CROSS_TRIPLE})
 
 # Not CMAKE_SYSROOT: that would hide the compiler's own root and its C library. Headers, libraries
-# and packages come only from the two target roots, never from the build machine's /usr.
-list(APPEND CMAKE_FIND_ROOT_PATH ${OLM_CROSS_TOOLCHAIN_ROOT} ${OLM_CROSS_SYSROOT})
+# and packages come only from the target roots, never from the build machine's /usr. Prefixes given
+# in CMAKE_PREFIX_PATH (a runtime installed for the target) are target roots too; otherwise they
+# would be searched only below the other roots.
+list(APPEND CMAKE_FIND_ROOT_PATH ${OLM_CROSS_TOOLCHAIN_ROOT} ${OLM_CROSS_SYSROOT} ${CMAKE_PREFIX_PATH})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

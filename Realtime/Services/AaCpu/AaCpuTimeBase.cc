@@ -11,9 +11,9 @@
 #include "Clock/AaCpuTimeBaseClock.inc"
 
 #if (defined(__arm__) || defined(__aarch64__)) && !defined(OLM_COUNTERS_FROM_CLOCK)
-namespace TimeBaseSource = Olm::GenericTimer;
+namespace TimeBaseSource = GenericTimer;
 #else
-namespace TimeBaseSource = Olm::MonotonicClock;
+namespace TimeBaseSource = MonotonicClock;
 #endif
 
 uint64_t AaCpuTimeBasePhysicalCountGet(void) { return TimeBaseSource::physicalCount(); }

@@ -4,6 +4,7 @@
 
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <poll.h>
 #include <unistd.h>
@@ -14,6 +15,8 @@
 #include <functional>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 #include "HostEnvironment.h"
 #include "Rhyddal.h"
 
@@ -21,6 +24,21 @@ namespace rhyddal {
 namespace testing {
 
 constexpr uint32_t kNoCpu = 0xFFFFFFFFu;  // server init without pinning
+
+// Whether the kernel hands a dead process's process-shared locks to the next locker (robust futex
+// lists). User-mode emulation does not implement them, so there a killed node looks alive for good.
+inline bool deadLockOwnersAreDetected() {
+  void* head = nullptr;
+  size_t length = 0;
+  return syscall(SYS_get_robust_list, 0, &head, &length) == 0;
+}
+
+#define SKIP_WITHOUT_DEAD_OWNER_DETECTION()                                                          \
+  do {                                                                                               \
+    if (!::rhyddal::testing::deadLockOwnersAreDetected())                                            \
+      GTEST_SKIP() << "this kernel (or emulator) has no robust futex lists: a killed process's "     \
+                      "locks are never released, so a dead node cannot be told from a live one";     \
+  } while (0)
 constexpr int kChildTimeoutMs = 20000;
 
 // A one-way wake-up between processes: notify() in one, waitFor() in the other.

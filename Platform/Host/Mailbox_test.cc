@@ -147,6 +147,7 @@ TEST_F(MailboxTest, DamagedRingIsDiscardedWithoutReadingPastIt) {
 }
 
 TEST_F(MailboxTest, SenderDyingInsideTheProducerLockBlocksNoOne) {
+  SKIP_WITHOUT_DEAD_OWNER_DETECTION();
   Rendezvous locked;
   ChildProcess dyingSender([&] {
     MailboxHeader* shared = mapMailboxObject(nid_);
@@ -164,6 +165,7 @@ TEST_F(MailboxTest, SenderDyingInsideTheProducerLockBlocksNoOne) {
 }
 
 TEST(MailboxLiveness, ANodeIdIsTakenOverOnlyFromADeadNode) {
+  SKIP_WITHOUT_DEAD_OWNER_DETECTION();
   const uint16_t nid = testNid(1);
   MailboxCleanup cleanup(nid);
   Rendezvous created;

@@ -115,17 +115,30 @@ TEST(PhysicalMemory, TimingPageAdvancesInRealTime) {
   const uint64_t cdmaBefore = cdmaCounter(page);
   const uint64_t nsBefore = monotonicNanoseconds();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  const uint32_t symbolAfter = page[kLteSymbolWord];
-  const uint64_t cdmaAfter = cdmaCounter(page);
-  const double elapsedMs = static_cast<double>(monotonicNanoseconds() - nsBefore) / 1e6;
 
-  EXPECT_LT(symbolAfter, kSymbolCycle);
-  const uint64_t symbols = (symbolAfter + kSymbolCycle - symbolBefore) % kSymbolCycle;
-  EXPECT_NEAR(static_cast<double>(symbols), elapsedMs * 14, 14 * 30) << "14 symbols a millisecond";
-  EXPECT_NEAR(static_cast<double>(cdmaAfter - cdmaBefore), elapsedMs * 19660.8, 19660.8 * 30);
+  // On a loaded or emulated machine the updater may run late, but it catches up with real time and
+  // never runs ahead of it.
+  constexpr double kSymbolsPerMs = 14;
+  constexpr double kCdmaCountsPerMs = 19660.8;
+  constexpr double kLagMs = 30;
+  uint64_t symbols = 0, cdmaCounts = 0;
+  double elapsedMs = 0;
+  const bool caughtUp = eventually([&] {
+    const uint32_t symbolNow = page[kLteSymbolWord];
+    cdmaCounts = cdmaCounter(page) - cdmaBefore;
+    elapsedMs = static_cast<double>(monotonicNanoseconds() - nsBefore) / 1e6;
+    EXPECT_LT(symbolNow, kSymbolCycle);
+    symbols = (symbolNow + kSymbolCycle - symbolBefore) % kSymbolCycle;
+    return static_cast<double>(symbols) >= (elapsedMs - kLagMs) * kSymbolsPerMs &&
+           static_cast<double>(cdmaCounts) >= (elapsedMs - kLagMs) * kCdmaCountsPerMs;
+  });
+  EXPECT_TRUE(caughtUp) << symbols << " symbols and " << cdmaCounts << " CDMA counts in " << elapsedMs << " ms";
+  EXPECT_LE(static_cast<double>(symbols), (elapsedMs + 1) * kSymbolsPerMs) << "14 symbols a millisecond";
+  EXPECT_LE(static_cast<double>(cdmaCounts), (elapsedMs + 1) * kCdmaCountsPerMs);
 }
 
 TEST(PhysicalMemory, QueueTableAndHistoryShowWhatANodeHasWaiting) {
+  SKIP_WITHOUT_DEAD_OWNER_DETECTION();
   const uint16_t nid = testNid(1);
   IdleNode node(nid);
   IdleNode survivor(testNid(2));  // keeps an updater alive after node is killed

@@ -48,11 +48,10 @@ TEST(RadioClock, TwoProcessesReadTheSameTime) {
   Rendezvous childReading;
   Rendezvous childClock;
   ChildProcess process([&] {
-    unsigned long long counter = 0;
-    uint32_t fine = 0;
-    ddal_sfn_get_bcn(&counter, &fine, 0);
-    childClock.notify(monotonicNanoseconds());
-    childReading.notify(counter * kFinePerFrame + fine + 1);  // +1: never 0, which means "nothing came"
+    readClock();  // a first call warms the path up (under emulation it is translated only now)
+    const Reading reading = readClock();
+    childClock.notify(reading.monotonicNs);
+    childReading.notify(reading.fine + 1);  // +1: never 0, which means "nothing came"
     return 0;
   });
   const uint64_t childNs = childClock.waitFor();

@@ -112,6 +112,7 @@ TEST(NodeTransport, SendToANodeIdWhereNoNodeRunsFails) {
 }
 
 TEST(NodeTransport, NodeKilledAndRestartedWithTheSameIdReceivesAgain) {
+  SKIP_WITHOUT_DEAD_OWNER_DETECTION();
   const uint16_t nid = testNid(3);
   IdleNode first(nid);
   ASSERT_TRUE(first.up());

@@ -137,6 +137,7 @@ class Dispatcher : public IAaSysDispatcher {
   void* popNextMessage();
   [[noreturn]] void failOnFullQueue(unsigned fullQueue);
   void idleUntilNextEvent(uint64_t iterationStart);
+  uint64_t readTicks();
   bool deliverTimer(const TimerQueue::Expiry& expiry);
   void* copyTimerMessage(const void* msg);
   void traceTimeout(void* msg);
@@ -160,6 +161,8 @@ class Dispatcher : public IAaSysDispatcher {
   TimerQueue m_timerQueue;
   EchoServer m_echoServer;
   SicFtpFwEu m_sicFtpFwEu;
+  uint64_t m_lastTickReading = 0;         // the latest AaTicksGet of the loop
+  bool m_lastTickReadingCurrent = false;  // taken at the end of the previous busy iteration
 };
 
 }  // namespace Olm

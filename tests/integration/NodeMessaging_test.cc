@@ -1,6 +1,8 @@
 // Nodes talking through the host platform: real processes, each running the example PingEu.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -44,7 +46,18 @@ TEST(NodeMessaging, SendingToANodeThatIsNotRunningDropsTheMessagesAndTheSenderCa
   EXPECT_TRUE(nodeA->waitForOutput("pong #")) << nodeA->output();
 }
 
+// A killed node is recognised by its locks passing to the next locker (robust futex lists), which
+// user-mode emulation does not implement.
+bool deadLockOwnersAreDetected() {
+  void* head = nullptr;
+  size_t length = 0;
+  return syscall(SYS_get_robust_list, 0, &head, &length) == 0;
+}
+
 TEST(NodeMessaging, NodeKilledAndRestartedWhilePeerKeepsSendingIsReachedAgain) {
+  if (!deadLockOwnersAreDetected()) {
+    GTEST_SKIP() << "no robust futex lists here (user-mode emulation): a killed node cannot be told from a live one";
+  }
   const unsigned a = OlmTest::uniqueNid(14), b = OlmTest::uniqueNid(15);
   auto nodeA = startPingNode(a, b);
   auto nodeB = startPingNode(b, a);

@@ -1,12 +1,7 @@
-// Round trips of 64-byte messages between two processes on one host:
-//   BareRing:  a minimal shared-memory SPSC ring per direction with futex wake-ups, the floor any
-//              transport between node processes on a host can reach;
-//   Rhyddal:   the same ping-pong through libRHYDDAL.so (vakem_send, vakem_wait_for_event,
-//              vakem_receive), as two nodes talk on a development host.
-// Each iteration is one round trip timed on its own; besides the mean Google Benchmark reports,
-// the p50_us and p99_us counters are the median and 99th percentile of those round trips.
-// Nothing is pinned: on a host shared with other work, fixed CPUs make every wake-up wait for
-// whatever else runs there. PLATFORM_RING_PIN=1 pins the benchmark to CPU 0 and the echo to CPU 1.
+// Round trips of 64-byte messages between two processes on one host through libRHYDDAL.so
+// (vakem_send, vakem_wait_for_event, vakem_receive), as two nodes talk on a development host,
+// beside the bare ring of BareRing_benchmark.cc. Each iteration is one round trip timed on its
+// own; the p50_us and p99_us counters are the median and 99th percentile of those round trips.
 #include <linux/futex.h>
 #include <sched.h>
 #include <signal.h>
@@ -27,123 +22,11 @@
 
 #include "Rhyddal.h"
 
+#include "RoundTrip.h"
+
 namespace {
 
-constexpr uint32_t kMessageBytes = 64;
-constexpr uint32_t kStopMarker = 0xFFFF;
-constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
-constexpr uint32_t kBenchCpu = 0;
-constexpr uint32_t kEchoCpu = 1;
-constexpr uint32_t kNoCpu = 0xFFFFFFFFu;
-constexpr int64_t kRoundTrips = 20000;
-
-bool pinning() {
-  static const bool requested = std::getenv("PLATFORM_RING_PIN") != nullptr;
-  return requested;
-}
-
-uint32_t cpuOrNone(uint32_t cpu) { return pinning() ? cpu : kNoCpu; }
-
-void pinTo(uint32_t cpu) {
-  if (!pinning() || cpu >= static_cast<uint32_t>(sysconf(_SC_NPROCESSORS_ONLN))) return;
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(cpu, &set);
-  sched_setaffinity(0, sizeof(set), &set);
-}
-
-class RoundTripTimes {
- public:
-  explicit RoundTripTimes(size_t expected) { nanoseconds_.reserve(expected); }
-  void add(benchmark::State& state, std::chrono::steady_clock::duration elapsed) {
-    nanoseconds_.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count());
-    state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
-  }
-  void report(benchmark::State& state) {
-    if (nanoseconds_.empty()) return;
-    std::sort(nanoseconds_.begin(), nanoseconds_.end());
-    state.counters["p50_us"] = static_cast<double>(nanoseconds_[nanoseconds_.size() / 2]) / 1000.0;
-    state.counters["p99_us"] = static_cast<double>(nanoseconds_[nanoseconds_.size() * 99 / 100]) / 1000.0;
-  }
-
- private:
-  std::vector<int64_t> nanoseconds_;
-};
-
-// ---- A: the bare ring ----------------------------------------------------------------------
-
-constexpr uint32_t kSlots = 64;
-
-struct alignas(64) BareChannel {
-  alignas(64) std::atomic<uint32_t> tail{0};
-  alignas(64) std::atomic<uint32_t> head{0};
-  alignas(64) std::atomic<uint32_t> sequence{0};
-  std::atomic<uint32_t> sleeping{0};
-  alignas(64) unsigned char slots[kSlots][kMessageBytes];
-};
-
-struct BarePair {
-  BareChannel toEcho;
-  BareChannel toBench;
-};
-
-void futex(std::atomic<uint32_t>* word, int operation, uint32_t value) {
-  syscall(SYS_futex, word, operation, value, nullptr, nullptr, 0);
-}
-
-void bareSend(BareChannel& channel, const unsigned char* message) {
-  const uint32_t tail = channel.tail.load(std::memory_order_relaxed);
-  std::memcpy(channel.slots[tail % kSlots], message, kMessageBytes);
-  channel.tail.store(tail + 1, std::memory_order_seq_cst);
-  channel.sequence.fetch_add(1, std::memory_order_seq_cst);
-  if (channel.sleeping.load(std::memory_order_seq_cst) != 0) futex(&channel.sequence, FUTEX_WAKE, 1);
-}
-
-void bareReceive(BareChannel& channel, unsigned char* message) {
-  const uint32_t head = channel.head.load(std::memory_order_relaxed);
-  while (channel.tail.load(std::memory_order_seq_cst) == head) {
-    const uint32_t sequence = channel.sequence.load(std::memory_order_seq_cst);
-    channel.sleeping.store(1, std::memory_order_seq_cst);
-    if (channel.tail.load(std::memory_order_seq_cst) == head) futex(&channel.sequence, FUTEX_WAIT, sequence);
-    channel.sleeping.store(0, std::memory_order_relaxed);
-  }
-  std::memcpy(message, channel.slots[head % kSlots], kMessageBytes);
-  channel.head.store(head + 1, std::memory_order_release);
-}
-
-void runBareEcho(BarePair& pair) {
-  pinTo(kEchoCpu);
-  unsigned char message[kMessageBytes];
-  for (;;) {
-    bareReceive(pair.toEcho, message);
-    if (message[0] == 0xFF) _exit(0);
-    bareSend(pair.toBench, message);
-  }
-}
-
-void BM_BareRingRoundTrip(benchmark::State& state) {
-  void* memory = mmap(nullptr, sizeof(BarePair), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  auto* pair = new (memory) BarePair;
-  const pid_t echo = fork();
-  if (echo == 0) runBareEcho(*pair);
-  pinTo(kBenchCpu);
-  unsigned char message[kMessageBytes] = {};
-  RoundTripTimes times(static_cast<size_t>(state.max_iterations));
-  for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
-    bareSend(pair->toEcho, message);
-    bareReceive(pair->toBench, message);
-    times.add(state, std::chrono::steady_clock::now() - start);
-  }
-  message[0] = 0xFF;
-  bareSend(pair->toEcho, message);
-  waitpid(echo, nullptr, 0);
-  times.report(state);
-  munmap(memory, sizeof(BarePair));
-}
-BENCHMARK(BM_BareRingRoundTrip)->Iterations(kRoundTrips)->UseManualTime()->Unit(benchmark::kMicrosecond);
-
-// ---- B: through libRHYDDAL.so -----------------------------------------------------------------
+using namespace roundtrip;
 
 // Node ids 0xF000-0xFFFF, clear of the range the unit tests use; fixed by the benchmark process
 // before it forks its echo nodes.

@@ -10,13 +10,8 @@
 
 namespace {
 
+using OlmTest::hex;
 using OlmTest::NodeProcess;
-
-std::string hex(unsigned value) {
-  char text[16];
-  std::snprintf(text, sizeof(text), "0x%04x", value);
-  return text;
-}
 
 std::unique_ptr<NodeProcess> startPingNode(unsigned nid, unsigned peer) {
   return std::make_unique<NodeProcess>(

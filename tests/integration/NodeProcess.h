@@ -44,5 +44,7 @@ std::string executablePath();
 std::string libraryPath(const std::string& name);
 std::string pingEuPath();
 unsigned uniqueNid(unsigned offset);
+// "0x%04x", as node ids are written on the command line and in the nodes' output.
+std::string hex(unsigned value);
 
 }  // namespace OlmTest

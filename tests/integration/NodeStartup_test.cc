@@ -6,13 +6,8 @@
 
 namespace {
 
+using OlmTest::hex;
 using OlmTest::NodeProcess;
-
-std::string hex(unsigned value) {
-  char text[16];
-  std::snprintf(text, sizeof(text), "0x%04x", value);
-  return text;
-}
 
 constexpr const char kHelpText[] =
     "Allowed options:\n"

@@ -2,7 +2,8 @@
 // the per-round-trip timing that yields the p50_us and p99_us counters.
 //
 // Nothing is pinned by default: on a host shared with other work, fixed CPUs make every wake-up
-// wait for whatever else runs there. PLATFORM_RING_PIN=1 pins the benchmark to CPU 0 and the echo
+// wait for whatever else runs there. PLATFORM_RING_PIN=1 (and RHYDDAL_PIN_CPU=1 for the nodes of the
+// platform benchmark) pins the benchmark to CPU 0 and the echo
 // to CPU 1.
 #pragma once
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "HostEnvironment.h"
 #include "PhysicalMemory.h"
 #include "SysComFields.h"
 
@@ -21,10 +22,13 @@ constexpr uint32_t kWaitWithoutServerResult = 1;
 
 uint16_t nidOf(uint32_t sicAddress) { return static_cast<uint16_t>(sicAddress >> 16); }
 
-// A CPU that does not exist, or that this process may not use, leaves the thread as it was: the
-// kernel refuses the mask and the refusal is ignored. (Checking against the thread's current mask
-// instead would wrongly refuse a CPU that an inherited pinning merely excludes.)
+// On a development host several nodes share a few cores, and a node's CPU defaults to 0, so
+// pinning is done only when RHYDDAL_PIN_CPU=1 asks for it: otherwise every node would be stacked on
+// CPU 0. A CPU that does not exist, or that this process may not use, leaves the thread as it was:
+// the kernel refuses the mask and the refusal is ignored. (Checking against the thread's current
+// mask instead would wrongly refuse a CPU that an inherited pinning merely excludes.)
 void pinCallingThread(uint32_t cpu) {
+  if (environmentNumber("RHYDDAL_PIN_CPU", 0, 0, 1) == 0) return;
   if (cpu >= CPU_SETSIZE) return;
   cpu_set_t only;
   CPU_ZERO(&only);

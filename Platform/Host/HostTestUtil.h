@@ -150,44 +150,33 @@ inline void writeTestMessage(void* buffer, uint32_t length, uint32_t receiver, u
   auto* bytes = static_cast<unsigned char*>(buffer);
   const uint16_t msgId = static_cast<uint16_t>(seed);
   const uint16_t totalLength = static_cast<uint16_t>(length);
+  std::memset(bytes, 0, 16);
   std::memcpy(bytes, &msgId, 2);
-  std::memset(bytes + 2, 0, 2);
   std::memcpy(bytes + 4, &receiver, 4);
   std::memcpy(bytes + 8, &sender, 4);
-  std::memset(bytes + 12, 0, 2);
   std::memcpy(bytes + 14, &totalLength, 2);
   for (uint32_t i = 16; i < length; ++i) bytes[i] = static_cast<unsigned char>(seed * 31u + i * 7u);
 }
 
+// A field of a SysCom message at its byte offset, whatever the message's alignment.
+template <typename T>
+T fieldOf(const void* message, size_t offset) {
+  T value;
+  std::memcpy(&value, static_cast<const unsigned char*>(message) + offset, sizeof(value));
+  return value;
+}
+inline uint32_t senderOf(const void* message) { return fieldOf<uint32_t>(message, 8); }
+inline uint16_t totalLengthOf(const void* message) { return fieldOf<uint16_t>(message, 14); }
+
 inline bool isTestMessage(const void* buffer, uint32_t length, uint32_t seed) {
+  const bool headerMatches = totalLengthOf(buffer) == static_cast<uint16_t>(length) &&
+                             fieldOf<uint16_t>(buffer, 0) == static_cast<uint16_t>(seed);
+  if (!headerMatches) return false;
   const auto* bytes = static_cast<const unsigned char*>(buffer);
-  uint16_t totalLength = 0;
-  uint16_t msgId = 0;
-  std::memcpy(&totalLength, bytes + 14, 2);
-  std::memcpy(&msgId, bytes, 2);
-  if (totalLength != static_cast<uint16_t>(length) || msgId != static_cast<uint16_t>(seed)) return false;
   for (uint32_t i = 16; i < length; ++i) {
     if (bytes[i] != static_cast<unsigned char>(seed * 31u + i * 7u)) return false;
   }
   return true;
-}
-
-inline uint32_t senderOf(const void* message) {
-  uint32_t sender = 0;
-  std::memcpy(&sender, static_cast<const unsigned char*>(message) + 8, 4);
-  return sender;
-}
-
-inline uint16_t msgIdOf(const void* message) {
-  uint16_t msgId = 0;
-  std::memcpy(&msgId, message, 2);
-  return msgId;
-}
-
-inline uint16_t totalLengthOf(const void* message) {
-  uint16_t totalLength = 0;
-  std::memcpy(&totalLength, static_cast<const unsigned char*>(message) + 14, 2);
-  return totalLength;
 }
 
 }  // namespace testing

@@ -76,12 +76,12 @@ TEST(MessagePool, DoubleFreeIsIgnoredAndNeverHandsABufferOutTwice) {
   void* first = pool.allocate(200);
   void* second = pool.allocate(200);
   EXPECT_NE(first, second);
-  BufferInfo info{};
-  EXPECT_FALSE(pool.inspect(nullptr, &info));
 }
 
 TEST(MessagePool, PointersNotHandedOutAreRecognisedAsForeign) {
   MessagePool pool(kTestPoolBytes);
+  BufferInfo info{};
+  EXPECT_FALSE(pool.inspect(nullptr, &info));
   char onStack[64];
   EXPECT_EQ(pool.release(onStack), ReleaseResult::kForeign) << "before the pool reserved anything";
   auto* buffer = static_cast<char*>(pool.allocate(300));

@@ -18,10 +18,7 @@
 namespace rhyddal {
 namespace {
 
-using testing::IdleNode;  // each node process is also a candidate timing updater
-using testing::sicAddress;
-using testing::testNid;
-using testing::writeTestMessage;
+using namespace testing;
 
 constexpr uint64_t kSymbolCycle = 573440;
 
@@ -103,7 +100,7 @@ TEST(PhysicalMemory, HistoryLineListsNodesAndAlwaysFitsItsRecord) {
 }
 
 TEST(PhysicalMemory, TimingPageAdvancesInRealTime) {
-  IdleNode node(testNid(0));
+  IdleNode node(testNid(0));  // each node process is also a candidate timing updater
   ASSERT_TRUE(node.up());
   Mapping mapping(physicalMemoryPath().c_str(), kTimingPageBytes, kTimingPageOffset);
   const volatile uint32_t* page = mapping.as<uint32_t>();

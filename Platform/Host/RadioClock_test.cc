@@ -10,8 +10,7 @@
 namespace rhyddal {
 namespace {
 
-using testing::ChildProcess;
-using testing::Rendezvous;
+using namespace testing;
 
 constexpr uint64_t kMillisecond = 1000000;
 constexpr uint64_t kFinePerMillisecond = kBtuPerSecond * kFinePerBtu / 1000;  // 1228800

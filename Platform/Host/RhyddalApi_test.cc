@@ -14,19 +14,7 @@
 namespace rhyddal {
 namespace {
 
-using testing::becomeNode;
-using testing::ChildProcess;
-using testing::IdleNode;
-using testing::isTestMessage;
-using testing::kNoCpu;
-using testing::MailboxCleanup;
-using testing::msgIdOf;
-using testing::Rendezvous;
-using testing::senderOf;
-using testing::sicAddress;
-using testing::testNid;
-using testing::totalLengthOf;
-using testing::writeTestMessage;
+using namespace testing;
 
 constexpr uint16_t kCpid = 0x0123;
 constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;

@@ -6,26 +6,23 @@
 #include <string>
 #include <vector>
 
-#include "AaSysComMsgHeader.h"
-#include "CapturingLog.h"
-#include "FakeMsgPort.h"
-#include "FakeTimeSource.h"
+#include "ServiceTestFixture.h"
 
 namespace {
 
 using Olm::Dispatcher;
 using Olm::LteTime;
 
-constexpr uint16_t kOwnNid = 0x1203;
-constexpr uint16_t kOtherNid = 0x1204;
+using OlmTest::kOwnNid;
+constexpr uint16_t kOtherNid = 0x1235;
 
 uint32_t sicad(uint16_t nid, uint16_t cpid) { return (static_cast<uint32_t>(nid) << 16) | cpid; }
 
-// An EU that records what it saw and answers PrioritizeMessage with a fixed priority.
+// An EU that records what it saw and answers PrioritizeMessage with a fixed priority; a journal
+// shared by several EUs shows the order in which they processed, by their priorities.
 class RecordingEu : public Olm::IAaSysDispatcherSicHandler {
  public:
-  explicit RecordingEu(int priority, std::vector<std::string>* journal = nullptr, std::string name = "")
-      : m_priority(priority), m_journal(journal), m_name(std::move(name)) {}
+  explicit RecordingEu(int priority, std::vector<int>* journal = nullptr) : m_priority(priority), m_journal(journal) {}
 
   int PrioritizeMessage(void*&) override {
     ++prioritized;
@@ -33,7 +30,7 @@ class RecordingEu : public Olm::IAaSysDispatcherSicHandler {
   }
   void ProcessMessage(void*& msg) override {
     processedIds.push_back(Olm::msgHeader(msg)->msgId);
-    if (m_journal) m_journal->push_back(m_name);
+    if (m_journal) m_journal->push_back(m_priority);
     if (keepMessages) {
       kept.push_back(msg);
       msg = nullptr;
@@ -47,46 +44,22 @@ class RecordingEu : public Olm::IAaSysDispatcherSicHandler {
 
  private:
   int m_priority;
-  std::vector<std::string>* m_journal;
-  std::string m_name;
+  std::vector<int>* m_journal;
 };
 
-class DispatcherTest : public ::testing::Test {
+class DispatcherTest : public OlmTest::ServiceTest {
  protected:
   void SetUp() override {
-    dispatcher = new Dispatcher();
-    dispatcher->setItsIMsgPort(&port);
-    dispatcher->setItsITimeSource(&time);
-    dispatcher->setItsILog(&log);
-    dispatcher->setOwnNid(kOwnNid);
+    ServiceTest::SetUp();
     dispatcher->setWait(0);
   }
-  void TearDown() override {
-    delete dispatcher;
-    Dispatcher::setTheDispatcher(nullptr);
-    // Nothing may be left allocated beyond what a test deliberately kept.
-    EXPECT_EQ(port.doubleFrees(), 0u);
+
+  void* localMessage(uint16_t id, uint16_t cpid) {
+    return port.makeMessage(id, sicad(kOwnNid, cpid), sicad(kOwnNid, 1));
   }
-
-  void* localMessage(uint16_t id, uint16_t cpid) { return port.makeMessage(id, sicad(kOwnNid, cpid), sicad(kOwnNid, 1)); }
-
-  OlmTest::FakeMsgPort port;
-  OlmTest::FakeTimeSource time;
-  OlmTest::CapturingLog log;
-  Dispatcher* dispatcher = nullptr;
 };
 
-// ---------------------------------------------------------------------------------------------
 // Binding
-
-TEST_F(DispatcherTest, BindingFindsEachEuByCpidAndStopsAtTheEndOfTheUsedTable) {
-  RecordingEu a(3), b(3);
-  dispatcher->AaSysDispatcherCpidBind(a, 0x100);
-  dispatcher->AaSysDispatcherCpidBind(b, 0x200);
-  EXPECT_EQ(dispatcher->getItsIEu(0x100), &a);
-  EXPECT_EQ(dispatcher->getItsIEu(0x200), &b);
-  EXPECT_EQ(dispatcher->getItsIEu(0x300), nullptr);
-}
 
 TEST_F(DispatcherTest, SixtyFifthBindingIsDroppedSilentlyAndItsMessagesAreDiscarded) {
   std::vector<RecordingEu> eus(Dispatcher::kEuSlots + 1, RecordingEu(3));
@@ -117,12 +90,11 @@ TEST_F(DispatcherTest, BuiltInEusHoldTheirCpidsSoAnEuLibraryCannotTakeThem) {
   EXPECT_NE(dispatcher->getItsTimerQueue().getEntry(0).msg, nullptr);
 }
 
-// ---------------------------------------------------------------------------------------------
 // Ingress and dispatch
 
 TEST_F(DispatcherTest, DispatchOrderIsHighMedLowWhateverTheArrivalOrder) {
-  std::vector<std::string> journal;
-  RecordingEu high(1, &journal, "high"), med(2, &journal, "med"), low(7, &journal, "low");
+  std::vector<int> journal;
+  RecordingEu high(1, &journal), med(2, &journal), low(7, &journal);
   dispatcher->AaSysDispatcherCpidBind(low, 0x300);
   dispatcher->AaSysDispatcherCpidBind(med, 0x200);
   dispatcher->AaSysDispatcherCpidBind(high, 0x100);
@@ -130,7 +102,7 @@ TEST_F(DispatcherTest, DispatchOrderIsHighMedLowWhateverTheArrivalOrder) {
   ASSERT_TRUE(dispatcher->ingress(localMessage(2, 0x200)));
   ASSERT_TRUE(dispatcher->ingress(localMessage(1, 0x100)));
   for (int i = 0; i < 4; ++i) dispatcher->dispatch();
-  EXPECT_EQ(journal, (std::vector<std::string>{"high", "med", "low"}));
+  EXPECT_EQ(journal, (std::vector<int>{1, 2, 7}));
   EXPECT_EQ(dispatcher->getCurrentCpid(), 0x300);  // not reset after processing
   EXPECT_EQ(port.liveBuffers(), 0u);              // processed messages were freed
 }
@@ -193,7 +165,6 @@ TEST_F(DispatcherTest, VerboseTraceNamesEachOperationWithTheCurrentCpid) {
   EXPECT_EQ(log.count("(0100)->Destroy("), 1u);
 }
 
-// ---------------------------------------------------------------------------------------------
 // The run loop
 
 TEST_F(DispatcherTest, HighMessageIsDispatchedBeforeTimersAndInput) {
@@ -303,7 +274,6 @@ TEST_F(DispatcherTest, PeriodicTimerWithZeroLengthMessageAborts) {
   port.freeMsg(broken);
 }
 
-// ---------------------------------------------------------------------------------------------
 // Statistics text
 
 TEST_F(DispatcherTest, StatisticsTextShowsDeltasSinceTheLastRead) {

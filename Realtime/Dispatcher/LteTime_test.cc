@@ -60,9 +60,7 @@ TEST(LteTimeVector, HardwareReadingIsSplitFromItsCounters) {
             (Parts{5, 100, 3, 7}));
   // Bits above the hyper frame number are not part of it.
   EXPECT_EQ(partsOf(hardwareReading(0, (1u << 20) | (2u << 10) | 3u, 40)), (Parts{2, 3, 0, 1}));
-}
-
-TEST(LteTimeVector, SampleCountIsUsedUnlessBothCountersAreSet) {
+  // The sample count is used unless both counters are set.
   const uint64_t samples = LteTime(5, 100, 3, 7).getSamples();
   EXPECT_EQ(partsOf(hardwareReading(samples, 0x00401, 0)), (Parts{5, 100, 3, 7}));
   EXPECT_EQ(partsOf(hardwareReading(samples, 0, 80)), (Parts{5, 100, 3, 7}));

@@ -16,9 +16,7 @@ void CapturingLog::vlogf(unsigned int, const char* fmt, va_list args) { m_lines.
 
 void CapturingLog::vlogfString(const char* fmt, va_list args) { m_lines.push_back(format(fmt, args)); }
 
-void CapturingLog::vlogfMessage(unsigned int, const char* fmt, va_list args) {
-  m_lines.push_back(format(fmt, args));
-}
+void CapturingLog::vlogfMessage(unsigned int, const char* fmt, va_list args) { m_lines.push_back(format(fmt, args)); }
 
 size_t CapturingLog::count(const std::string& text) const {
   size_t n = 0;

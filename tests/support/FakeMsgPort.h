@@ -28,12 +28,10 @@ class FakeMsgPort : public Olm::IMsgPort {
   void* makeMessage(unsigned short id, unsigned int receiver, unsigned int sender,
                     unsigned short payloadSize = 4);
 
-  // Messages handed to sendMsg, still owned by the fake until takeSent or the destructor.
+  // Messages handed to sendMsg, still owned by the fake until its destructor.
   std::vector<void*>& sent() { return m_sent; }
   const std::vector<std::pair<unsigned, unsigned>>& waits() const { return m_waits; }
   size_t liveBuffers() const { return m_live.size(); }
-  size_t allocations() const { return m_allocations; }
-  size_t frees() const { return m_frees; }
   size_t doubleFrees() const { return m_doubleFrees; }
   // Makes the next allocations fail.
   void failAllocations(bool fail) { m_failAllocations = fail; }
@@ -43,8 +41,6 @@ class FakeMsgPort : public Olm::IMsgPort {
   std::deque<void*> m_incoming;
   std::vector<void*> m_sent;
   std::vector<std::pair<unsigned, unsigned>> m_waits;
-  size_t m_allocations = 0;
-  size_t m_frees = 0;
   size_t m_doubleFrees = 0;
   bool m_failAllocations = false;
 };

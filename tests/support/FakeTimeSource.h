@@ -11,25 +11,20 @@ class FakeTimeSource : public Olm::ITimeSource {
  public:
   Olm::LteTime getLTETime() override { ++m_reads; return m_now; }
   int getCdmaTime(unsigned long long* time, unsigned int, unsigned int) override {
-    if (time) *time = m_cdma;
+    if (time) *time = 0;
     return 0;
   }
-  unsigned long long getTS() override { return m_ts += m_tsStep; }
+  unsigned long long getTS() override { return m_ts += 100; }
   void wait(unsigned int microseconds) override { m_waits.push_back(microseconds); }
 
   void setNow(const Olm::LteTime& now) { m_now = now; }
   void setSamples(uint64_t samples) { m_now = Olm::LteTime(samples); }
-  void advance(uint64_t samples) {
-    m_now = Olm::LteTime((m_now.getSamples() + samples) % Olm::LteTime::MaxSamples);
-  }
   const std::vector<unsigned>& waits() const { return m_waits; }
   unsigned reads() const { return m_reads; }
 
  private:
   Olm::LteTime m_now;
-  unsigned long long m_cdma = 0;
   unsigned long long m_ts = 0;
-  unsigned long long m_tsStep = 100;
   std::vector<unsigned> m_waits;
   unsigned m_reads = 0;
 };

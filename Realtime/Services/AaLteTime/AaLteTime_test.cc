@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "LteTime.h"
 #include "ServiceTestFixture.h"
@@ -43,7 +44,6 @@ class AaLteTimeTest : public OlmTest::ServiceTest {
   void* message = nullptr;
 };
 
-// ---------------------------------------------------------------------------------------------
 // Reading the time
 
 TEST_F(AaLteTimeTest, TimeGetSplitsTheCurrentTimeAndHalvesTheSlotForTheSubframe) {
@@ -54,11 +54,8 @@ TEST_F(AaLteTimeTest, TimeGetSplitsTheCurrentTimeAndHalvesTheSlotForTheSubframe)
   TAaLteBtsSlotNr slot = 0;
   TAaLteBtsBasicTUNr basicTU = 0;
   ASSERT_EQ(AaLteTimeGet(&hyperFrame, &frame, &subFrame, &slot, &basicTU), EAaLteTimeRetVal_Ok);
-  EXPECT_EQ(hyperFrame, 5u);
-  EXPECT_EQ(frame, 100u);
-  EXPECT_EQ(subFrame, 9u);
-  EXPECT_EQ(slot, 19u);
-  EXPECT_EQ(basicTU, 7u);
+  EXPECT_EQ((std::vector<unsigned>{hyperFrame, frame, subFrame, slot, basicTU}),
+            (std::vector<unsigned>{5, 100, 9, 19, 7}));
   EXPECT_EQ(AaLteTimeGet(nullptr, nullptr, nullptr, nullptr, nullptr), EAaLteTimeRetVal_Ok);
 
   // An unreadable clock: its status comes back and nothing is written.
@@ -67,7 +64,6 @@ TEST_F(AaLteTimeTest, TimeGetSplitsTheCurrentTimeAndHalvesTheSlotForTheSubframe)
   EXPECT_EQ(frame, 100u);
 }
 
-// ---------------------------------------------------------------------------------------------
 // Arming a message sync timer
 
 TEST_F(AaLteTimeTest, SyncCreateRefusesEveryValueOutOfRange) {
@@ -148,7 +144,6 @@ TEST_F(AaLteTimeTest, NextOccurrenceChoosesTheCurrentOrTheFollowingHyperFrame) {
   }
 }
 
-// ---------------------------------------------------------------------------------------------
 // The other flavours and the generic entry
 
 TEST_F(AaLteTimeTest, CallbackSyncIsASuccessThatArmsNothingAndLeavesTheId) {
@@ -213,7 +208,6 @@ TEST_F(AaLteTimeDeathTest, MatchFlavoursAbortNamingTheirSignatureAlsoThroughTime
                reportPattern(kMessageMatchReport));
 }
 
-// ---------------------------------------------------------------------------------------------
 // Cancelling
 
 // A stale id is no error: AaLteTimerDelete still succeeds, AaLteTimermDelete gives null.

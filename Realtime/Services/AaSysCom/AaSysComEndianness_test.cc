@@ -85,7 +85,7 @@ TEST_F(EndiannessTest, WordPayloadToBigSwapsEveryTimeAndMarksBigEndian) {
   AaSysComMsgDestroy(&odd);
 }
 
-TEST_F(EndiannessTest, WordPayloadToHostConvertsBigEndianWordsOnly) {
+TEST_F(EndiannessTest, WordPayloadToHostConvertsBigEndianWordsOnlyAndLeavesTheTrailer) {
   void* big = messageWith(kEightBytesWordSwapped, AASYSCOM_APF_BIG_ENDIAN_WORDS);
   AaSysComWordOrientedMsgToHost(&big);
   EXPECT_EQ(payloadOf(big), kEightBytes);
@@ -101,9 +101,7 @@ TEST_F(EndiannessTest, WordPayloadToHostConvertsBigEndianWordsOnly) {
     EXPECT_EQ(payloadOf(twoByte), (Bytes{1, 2, 3, 4, 5, 6}));
     AaSysComMsgDestroy(&twoByte);
   }
-}
 
-TEST_F(EndiannessTest, WordPayloadToHostWithTrailerLeavesTheTrailer) {
   void* msg = createTrailerMessage(8, 0x31);
   std::memcpy(AaSysComMsgGetPayload(msg), kEightBytesWordSwapped.data(), 8);
   AaSysComMsgSetApf(msg, AASYSCOM_APF_BIG_ENDIAN_WORDS);

@@ -11,7 +11,6 @@
 
 namespace OlmTest {
 
-constexpr uint16_t kOwnNid = 0x1234;
 constexpr uint16_t kEuCpid = 0x0123;
 constexpr uint32_t kOtherSicad = 0x12350042;  // another node of the own group
 constexpr uint32_t kOwnSicad = (uint32_t{kOwnNid} << 16) | 0x0077;
@@ -29,11 +28,6 @@ class HeaderRecordingEu : public Olm::IAaSysDispatcherSicHandler {
 
 class SysComTest : public ServiceTest {
  protected:
-  void SetUp() override {
-    ServiceTest::SetUp();
-    dispatcher->setOwnNid(kOwnNid);
-  }
-
   void TearDown() override {
     const size_t leaked = liveMessages();
     ServiceTest::TearDown();

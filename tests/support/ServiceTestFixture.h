@@ -1,6 +1,6 @@
-// For the unit tests of the services: a Dispatcher wired to fakes, found by the services through
-// Dispatcher::getTheDispatcher like the node's own. Lines copied into the Dispatcher's log land in
-// log; everything sent leaves through port.
+// For the unit tests of the Dispatcher and the services: a Dispatcher wired to fakes, found by the
+// services through Dispatcher::getTheDispatcher like the node's own. Lines copied into the
+// Dispatcher's log land in log; everything sent leaves through port.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,10 +15,10 @@
 
 namespace OlmTest {
 
+constexpr uint16_t kOwnNid = 0x1234;
+
 class ServiceTest : public ::testing::Test {
  protected:
-  static constexpr uint16_t kOwnNid = 0x1234;
-
   void SetUp() override {
     dispatcher = new Olm::Dispatcher();
     dispatcher->setItsIMsgPort(&port);
@@ -26,7 +26,6 @@ class ServiceTest : public ::testing::Test {
     dispatcher->setItsILog(&log);
     dispatcher->setOwnNid(kOwnNid);
   }
-
   void TearDown() override {
     delete dispatcher;
     Olm::Dispatcher::setTheDispatcher(nullptr);

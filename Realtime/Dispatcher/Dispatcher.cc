@@ -126,7 +126,10 @@ bool Dispatcher::ingress(void* msg) {
   const Ticks start = static_cast<Ticks>(readTicks());
   logMsgOperation("Prioritize", msg);
   const unsigned queue = choosePriorityQueue(eu->PrioritizeMessage(msg));
-  if (m_queues[queue].isFull()) failOnFullQueue(queue);
+  if (m_queues[queue].isFull()) {
+    reportFullQueue(queue);
+    OLM_ASSERT(0);
+  }
   m_queues[queue].push(msg);
   m_echoServer.addMessagingTicks(static_cast<Ticks>(readTicks() - start));
   return true;
@@ -161,7 +164,8 @@ void Dispatcher::dispatch() {
   m_echoServer.addMessagingTicks(static_cast<Ticks>(readTicks() - start));
 }
 
-void Dispatcher::failOnFullQueue(unsigned fullQueue) {
+// The post-mortem of a full queue goes to the system log; the caller then aborts.
+void Dispatcher::reportFullQueue(unsigned fullQueue) {
   // Indices are taken before anything is popped. The LOW section deliberately reports the MED
   // queue's indices and count: the report has always been read that way, so it is kept.
   uint32_t heads[kQueueCount], tails[kQueueCount];
@@ -188,8 +192,6 @@ void Dispatcher::failOnFullQueue(unsigned fullQueue) {
     }
   }
   closelog();
-  OLM_ASSERT(0);
-  std::abort();
 }
 
 // ---------------------------------------------------------------------------------------------

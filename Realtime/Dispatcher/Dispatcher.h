@@ -135,7 +135,7 @@ class Dispatcher : public IAaSysDispatcher {
 
   unsigned choosePriorityQueue(int priority) const;
   void* popNextMessage();
-  [[noreturn]] void failOnFullQueue(unsigned fullQueue);
+  void reportFullQueue(unsigned fullQueue);
   void idleUntilNextEvent(uint64_t iterationStart);
   uint64_t readTicks();
   bool deliverTimer(const TimerQueue::Expiry& expiry);

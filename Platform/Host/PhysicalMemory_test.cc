@@ -105,19 +105,22 @@ TEST(PhysicalMemory, TimingPageAdvancesInRealTime) {
   Mapping mapping(physicalMemoryPath().c_str(), kTimingPageBytes, kTimingPageOffset);
   const volatile uint32_t* page = mapping.as<uint32_t>();
   ASSERT_NE(page, nullptr);
+  // The baseline is taken right as the updater writes, so that it is not itself a stale reading.
   const uint32_t first = page[kLteSymbolWord];
   ASSERT_TRUE(eventually([&] { return page[kLteSymbolWord] != first; })) << "no updater took over";
-
+  const uint32_t written = page[kLteSymbolWord];
+  ASSERT_TRUE(eventually([&] { return page[kLteSymbolWord] != written; }));
   const uint32_t symbolBefore = page[kLteSymbolWord];
   const uint64_t cdmaBefore = cdmaCounter(page);
   const uint64_t nsBefore = monotonicNanoseconds();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
 
-  // On a loaded or emulated machine the updater may run late, but it catches up with real time and
-  // never runs ahead of it.
+  // On a loaded or emulated machine the updater, or this test, may run late, but the page catches up
+  // with real time and does not run ahead of it.
   constexpr double kSymbolsPerMs = 14;
   constexpr double kCdmaCountsPerMs = 19660.8;
   constexpr double kLagMs = 30;
+  constexpr double kSchedulingSlackMs = 20;
   uint64_t symbols = 0, cdmaCounts = 0;
   double elapsedMs = 0;
   const bool caughtUp = eventually([&] {
@@ -130,8 +133,8 @@ TEST(PhysicalMemory, TimingPageAdvancesInRealTime) {
            static_cast<double>(cdmaCounts) >= (elapsedMs - kLagMs) * kCdmaCountsPerMs;
   });
   EXPECT_TRUE(caughtUp) << symbols << " symbols and " << cdmaCounts << " CDMA counts in " << elapsedMs << " ms";
-  EXPECT_LE(static_cast<double>(symbols), (elapsedMs + 1) * kSymbolsPerMs) << "14 symbols a millisecond";
-  EXPECT_LE(static_cast<double>(cdmaCounts), (elapsedMs + 1) * kCdmaCountsPerMs);
+  EXPECT_LE(static_cast<double>(symbols), (elapsedMs + kSchedulingSlackMs) * kSymbolsPerMs) << "14 symbols a ms";
+  EXPECT_LE(static_cast<double>(cdmaCounts), (elapsedMs + kSchedulingSlackMs) * kCdmaCountsPerMs);
 }
 
 TEST(PhysicalMemory, QueueTableAndHistoryShowWhatANodeHasWaiting) {

@@ -290,12 +290,10 @@ uint64_t Dispatcher::readTicks() {
 void Dispatcher::idleUntilNextEvent(uint64_t iterationStart) {
   setIdleOn();
   m_echoServer.addIdleTicks(static_cast<Ticks>(readTicks() - iterationStart));
+  // Without a timer due within 2^32 BTUs the wait has no limit.
   uint32_t seconds = kNoTimerSeconds;
   uint32_t nanoseconds = 0;
-  if (!m_timerQueue.nextDeadline(seconds, nanoseconds)) {
-    seconds = kNoTimerSeconds;
-    nanoseconds = 0;
-  }
+  m_timerQueue.nextDeadline(seconds, nanoseconds);
   m_msgPort->waitForNextEvent(seconds, nanoseconds);
 }
 

@@ -25,8 +25,7 @@ namespace testing {
 
 constexpr uint32_t kNoCpu = 0xFFFFFFFFu;  // server init without pinning
 
-// Whether the kernel hands a dead process's process-shared locks to the next locker (robust futex
-// lists). User-mode emulation does not implement them, so there a killed node looks alive for good.
+// Whether a dead process's shared locks pass to the next locker (robust futex lists; not emulated).
 inline bool deadLockOwnersAreDetected() {
   void* head = nullptr;
   size_t length = 0;
@@ -36,8 +35,7 @@ inline bool deadLockOwnersAreDetected() {
 #define SKIP_WITHOUT_DEAD_OWNER_DETECTION()                                                          \
   do {                                                                                               \
     if (!::rhyddal::testing::deadLockOwnersAreDetected())                                            \
-      GTEST_SKIP() << "this kernel (or emulator) has no robust futex lists: a killed process's "     \
-                      "locks are never released, so a dead node cannot be told from a live one";     \
+      GTEST_SKIP() << "no robust futex lists here: a killed node looks alive";                   \
   } while (0)
 constexpr int kChildTimeoutMs = 20000;
 
@@ -64,8 +62,7 @@ class Rendezvous {
   int fds_[2];
 };
 
-// A forked child running body; its exit status is body's result (0: pass). A child still running
-// when this goes out of scope is killed, so a failing test never leaves nodes behind.
+// A forked child whose exit status is body's result (0: pass); killed if still running at scope end.
 class ChildProcess {
  public:
   explicit ChildProcess(const std::function<int()>& body) : pid_(fork()) {
@@ -77,7 +74,6 @@ class ChildProcess {
       waitpid(pid_, nullptr, 0);
     }
   }
-  pid_t pid() const { return pid_; }
   // The child's exit code, 128 + signal when a signal ended it, -1 when it ran past timeoutMs.
   int wait(int timeoutMs = kChildTimeoutMs) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -122,8 +118,7 @@ inline int becomeNode(uint16_t nid) {
   return rc == 0 && handle == 0 ? -1 : rc;
 }
 
-// A node process that serves nid and does nothing else until it is killed; its mailbox goes
-// when the test ends.
+// A node process that serves nid and idles until killed; its mailbox goes when the test ends.
 class IdleNode {
  public:
   explicit IdleNode(uint16_t nid)

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -61,15 +60,6 @@ uint64_t cdmaCounter(const volatile uint32_t* page) {
     low = page[kCdmaLowWord];
   } while (high != page[kCdmaHighWord]);
   return (uint64_t{high} << 32) | low;
-}
-
-TEST(PhysicalMemory, LoadingTheLibraryProvidesTheEmulatedDeviceFile) {
-  const std::string path = physicalMemoryPath();
-  ASSERT_FALSE(path.empty()) << "OLM_DEVMEM is set when the library is loaded";
-  struct stat status {};
-  ASSERT_EQ(stat(path.c_str(), &status), 0);
-  EXPECT_TRUE(S_ISREG(status.st_mode));
-  EXPECT_GE(static_cast<uint64_t>(status.st_size), kPhysicalMemoryBytes);
 }
 
 TEST(PhysicalMemory, TimingWordsFollowTheRadioClock) {

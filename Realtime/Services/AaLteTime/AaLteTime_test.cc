@@ -16,8 +16,7 @@ using Olm::LteTime;
 constexpr TAaLteTimerId kUntouchedId = 0xDEADBEEF;
 constexpr u32 kGarbage = 0xFFFFFFFF;
 
-// The BTU count of an instant, for comparing with what the timer queue holds. A fresh queue has
-// never counted down, so an entry's remaining time is its absolute expiry.
+// BTUs of an instant; on a queue that never counted down, an entry's remaining time is its expiry.
 uint64_t samples(uint16_t hyperFrame, uint16_t frame, uint8_t slot, uint16_t basicTU) {
   return LteTime(hyperFrame, frame, slot, basicTU).getSamples();
 }
@@ -101,9 +100,6 @@ TEST_F(AaLteTimeTest, SyncCreateAcceptsThePeriodLimitsAndTruncatesThePeriodFrame
 TEST_F(AaLteTimeTest, SyncCreateRefusesNullPointersAfterTheRanges) {
   const char* nullText = "AaLteTimermSyncCreate(): Invalid parameter (functionPtr or timerIdPtr is NULL)!";
   EXPECT_EQ(AaLteTimermSyncCreate(&id, 0, 0, 0, 0, 0, 0, 0, nullptr), EAaLteTimeRetVal_InvalidParameter);
-  EXPECT_EQ(log.count(nullText), 1u);
-  EXPECT_EQ(timerEntry(0).msg, nullptr);
-
   message = newMessage();
   EXPECT_EQ(AaLteTimermSyncCreate(nullptr, 0, 0, 0, 0, 0, 0, 0, message), EAaLteTimeRetVal_InvalidParameter);
   EXPECT_EQ(log.count(nullText), 2u);
@@ -132,7 +128,6 @@ TEST_F(AaLteTimeTest, NextOccurrenceChoosesTheCurrentOrTheFollowingHyperFrame) {
   const Case cases[] = {
       {LteTime(7, 10, 3, 99), 7},     // ahead: this hyper frame
       {LteTime(7, 10, 3, 100), 8},    // exactly now: the next one
-      {LteTime(7, 500, 0, 0), 8},     // past
       {LteTime(1023, 10, 3, 100), 0}, // the next one after the last wraps to 0
   };
   unsigned entry = 0;
@@ -146,22 +141,17 @@ TEST_F(AaLteTimeTest, NextOccurrenceChoosesTheCurrentOrTheFollowingHyperFrame) {
 
 // The other flavours and the generic entry
 
-TEST_F(AaLteTimeTest, CallbackSyncIsASuccessThatArmsNothingAndLeavesTheId) {
+// Callback sync succeeds and arms nothing; a null record or unknown type is refused without a log line.
+TEST_F(AaLteTimeTest, CallbackSyncArmsNothingAndBadTimerCreateArgumentsAreRefusedSilently) {
   EXPECT_EQ(AaLteTimercSyncCreate(&id, 0, 0, 0, 0, 1, 0, 0, EAaLteTimePriority_High, nullptr, nullptr, 0),
             EAaLteTimeRetVal_Ok);
   const SAaLteTimerParams params = {1, 2, 3, 0, 0, 0, 0, 0, 0};
   EXPECT_EQ(AaLteTimerCreate(&id, 0, 0, 0, 0, EAaLteTimerType_CallbackSync, &params), EAaLteTimeRetVal_Ok);
-  EXPECT_EQ(id, kUntouchedId);
-  EXPECT_EQ(timerEntry(0).msg, nullptr);
-}
-
-TEST_F(AaLteTimeTest, TimerCreateRefusesANullRecordAndUnknownTypesSilently) {
-  SAaLteTimerParams params{};
   EXPECT_EQ(AaLteTimerCreate(&id, 0, 0, 0, 0, EAaLteTimerType_MessageSync, nullptr), EAaLteTimeRetVal_InvalidParameter);
   EXPECT_EQ(AaLteTimerCreate(&id, 0, 0, 0, 0, 4, &params), EAaLteTimeRetVal_InvalidParameter);
   EXPECT_TRUE(log.lines().empty());
-  EXPECT_TRUE(port.sent().empty());
   EXPECT_EQ(id, kUntouchedId);
+  EXPECT_EQ(timerEntry(0).msg, nullptr);
 }
 
 TEST_F(AaLteTimeTest, TimerCreateForwardsOnlyTheMessageSyncWords) {

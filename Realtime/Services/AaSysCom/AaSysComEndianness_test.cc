@@ -90,17 +90,13 @@ TEST_F(EndiannessTest, WordPayloadToHostConvertsBigEndianWordsOnlyAndLeavesTheTr
   AaSysComWordOrientedMsgToHost(&big);
   EXPECT_EQ(payloadOf(big), kEightBytes);
   EXPECT_EQ(AaSysComMsgGetApf(big), 1u);
-  AaSysComWordOrientedMsgToHost(&big);  // now host order: left
-  EXPECT_EQ(payloadOf(big), kEightBytes);
   AaSysComMsgDestroy(&big);
 
-  for (uint32_t apf : {2u, 3u}) {
-    void* twoByte = messageWith({1, 2, 3, 4, 5, 6}, apf);
-    AaSysComWordOrientedMsgToHost(&twoByte);
-    ASSERT_NE(twoByte, nullptr);
-    EXPECT_EQ(payloadOf(twoByte), (Bytes{1, 2, 3, 4, 5, 6}));
-    AaSysComMsgDestroy(&twoByte);
-  }
+  void* twoByte = messageWith({1, 2, 3, 4, 5, 6}, 3);
+  AaSysComWordOrientedMsgToHost(&twoByte);
+  ASSERT_NE(twoByte, nullptr);
+  EXPECT_EQ(payloadOf(twoByte), (Bytes{1, 2, 3, 4, 5, 6}));
+  AaSysComMsgDestroy(&twoByte);
 
   void* msg = createTrailerMessage(8, 0x31);
   std::memcpy(AaSysComMsgGetPayload(msg), kEightBytesWordSwapped.data(), 8);

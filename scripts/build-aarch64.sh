@@ -10,5 +10,5 @@ build_dir=${1:-$root/build/aarch64}
 "$root/scripts/setup-cross.sh" arm64 "$build_dir"
 
 echo "=== aarch64: build"
-"$root/scripts/build.sh" "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/aarch64.cmake" \
+"$root/scripts/build.sh" "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/aarch64.cmake" -DOLM_WERROR=ON \
   -DOLM_BUILD_TESTS=OFF -DOLM_BUILD_BENCH=OFF

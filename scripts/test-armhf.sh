@@ -36,7 +36,7 @@ run_with_private_shm() {
 
 echo "=== armhf: build"
 # The counters come from the clock: qemu-arm refuses the generic timer's coprocessor reads.
-"$root/scripts/build.sh" "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/armhf.cmake" \
+"$root/scripts/build.sh" "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/armhf.cmake" -DOLM_WERROR=ON \
   -DOLM_HOST_PLATFORM=ON -DOLM_COUNTERS_FROM_CLOCK=ON -DOLM_BUILD_BENCH=OFF
 
 echo "=== armhf: test under qemu-arm"

@@ -16,7 +16,7 @@ run_suite() {
   (cd "$build_dir" && ctest --output-on-failure -j2 --timeout 300)
 }
 
-run_suite native
-run_suite sanitize -DOLM_SANITIZE=ON -DOLM_BUILD_BENCH=OFF -DOLM_BUILD_EXAMPLES=ON
+run_suite native -DOLM_WERROR=ON
+run_suite sanitize -DOLM_WERROR=ON -DOLM_SANITIZE=ON -DOLM_BUILD_BENCH=OFF -DOLM_BUILD_EXAMPLES=ON
 "$root/scripts/build-aarch64.sh" "$root/build/aarch64"
 "$root/scripts/test-armhf.sh" "$root/build/armhf"

@@ -1,0 +1,45 @@
+/* What the host replacement of libRHYDDAL.so offers beyond the board's library.
+ *
+ * The board's closed library does not have these functions. The runtime declares them weak (see
+ * RHYDDAL_HOST_OPTIONAL) and calls one only when the library it was loaded with defines it, so the
+ * same runtime binary works over either library: on the board it maps /dev/mem and opens the
+ * system's fixed object names; on a host it asks the host library where these things are. */
+#ifndef RHYDDAL_HOST_H
+#define RHYDDAL_HOST_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* How a caller that must also run over the board's library declares these: a weak reference that
+ * is null where the function does not exist. */
+#define RHYDDAL_HOST_OPTIONAL __attribute__((weak))
+
+/* The file this host emulates the node's physical memory in (layout: RhyddalPhysicalMemory.h):
+ * $OLM_DEVMEM when set, else this user's (and namespace's) file in /dev/shm, created sparse on the
+ * first call. Null when it cannot be created (a line on stderr says why). The string stays valid
+ * for the life of the process. */
+const char* rhyddal_host_physical_memory_path(void);
+
+/* The POSIX shared-memory name under which this host keeps the object the system knows by the
+ * fixed name systemName (for example RHYDDAL_QUEUE_HISTORY_NAME). In a normal run that is the
+ * fixed name itself; with RHYDDAL_NAMESPACE set (tests) it is a name private to the namespace.
+ * Writes a NUL-terminated name into name. Returns:
+ *   0              written
+ *   -EINVAL        systemName or name is null
+ *   -ENAMETOOLONG  size is too small; nothing useful was written */
+int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size);
+
+/* Tells the host that this node reads the timing register page (simulation mode, CDMA time) from
+ * now on, so that the host keeps the page's words current at the updater's full rate. A host with
+ * no node that asked updates the page rarely, to save the wake-ups. Called on the node's server
+ * thread after vak_em_server_init; calling it again does nothing. */
+void rhyddal_host_timing_page_in_use(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* RHYDDAL_HOST_H */

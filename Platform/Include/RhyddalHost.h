@@ -32,10 +32,11 @@ const char* rhyddal_host_physical_memory_path(void);
  *   -ENAMETOOLONG  size is too small; nothing useful was written */
 int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size);
 
-/* Tells the host that this node reads the timing register page (simulation mode, CDMA time) from
- * now on, so that the host keeps the page's words current at the updater's full rate. A host with
- * no node that asked updates the page rarely, to save the wake-ups. Called on the node's server
- * thread after vak_em_server_init; calling it again does nothing. */
+/* Tells the host that this process reads the timing register page (simulation mode, CDMA time)
+ * from now on, so that the host keeps the page's words current at the updater's full rate while
+ * the node this process serves lives. A host where no live node asked updates the page rarely, to
+ * save the wake-ups. May be called before or after vak_em_server_init; calling it again does
+ * nothing. */
 void rhyddal_host_timing_page_in_use(void);
 
 #ifdef __cplusplus

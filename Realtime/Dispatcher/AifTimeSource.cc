@@ -6,6 +6,10 @@
 #include "OlmAssert.h"
 #include "PhysicalMemory.h"
 #include "Rhyddal.h"
+#include "RhyddalHost.h"
+
+// Present only in the host replacement of the platform library.
+extern "C" RHYDDAL_HOST_OPTIONAL void rhyddal_host_timing_page_in_use(void);
 
 namespace Olm {
 
@@ -19,6 +23,11 @@ AifTimeSource::AifTimeSource() {
   m_atregs = static_cast<volatile uint32_t*>(
       mem_map_addr(reinterpret_cast<void*>(static_cast<uintptr_t>(kRegisterPagePhysical)), kRegisterPageSize));
   OLM_ASSERT(m_atregs != 0);
+}
+
+void AifTimeSource::setSimMode(bool simMode) {
+  m_simMode = simMode;
+  if (simMode && rhyddal_host_timing_page_in_use != nullptr) rhyddal_host_timing_page_in_use();
 }
 
 LteTime AifTimeSource::getLTETime() { return m_simMode ? getLTETime_sim() : getLTETime_real(); }

@@ -9,19 +9,20 @@
 #include <cstdint>
 
 #include "ITimeSource.h"
+#include "RhyddalPhysicalMemory.h"
 
 namespace Olm {
 
 class AifTimeSource : public ITimeSource {
  public:
-  static constexpr uint32_t kRegisterPagePhysical = 0x1F48000;
-  static constexpr uint32_t kRegisterPageSize = 4096;
-  static constexpr unsigned kCdmaLowWord = 17;
-  static constexpr unsigned kCdmaHighWord = 18;
-  static constexpr unsigned kSymbolCounterWord = 34;
+  static constexpr uint32_t kRegisterPagePhysical = RHYDDAL_TIMING_PAGE_PHYSICAL;
+  static constexpr uint32_t kRegisterPageSize = RHYDDAL_TIMING_PAGE_BYTES;
+  static constexpr unsigned kCdmaLowWord = RHYDDAL_TIMING_WORD_CDMA_LOW;
+  static constexpr unsigned kCdmaHighWord = RHYDDAL_TIMING_WORD_CDMA_HIGH;
+  static constexpr unsigned kSymbolCounterWord = RHYDDAL_TIMING_WORD_LTE_SYMBOL;
   // The symbol counter runs over 4096 frames of 10 subframes of 14 symbols.
-  static constexpr uint32_t kSymbolsPerFrame = 140;
-  static constexpr uint32_t kSymbolCounterRange = 4096 * 10 * 14;
+  static constexpr uint32_t kSymbolsPerFrame = RHYDDAL_LTE_SYMBOLS_PER_FRAME;
+  static constexpr uint32_t kSymbolCounterRange = RHYDDAL_LTE_SYMBOL_RANGE;
   // A symbol counts as 2195 BTUs although a frame holds 307200 / 140 = 2194.29 per symbol, so the
   // last symbols of a frame run up to 100 BTUs past its end. The rounding is deliberate.
   static constexpr uint32_t kBasicTimeUnitsPerSymbol = 2195;
@@ -38,7 +39,9 @@ class AifTimeSource : public ITimeSource {
   void wait(unsigned int microseconds) override;
 
   void startAif() {}
-  void setSimMode(bool simMode) { m_simMode = simMode; }
+  // Simulation mode reads the register page's symbol counter, so a host library is told to keep
+  // the page current.
+  void setSimMode(bool simMode);
   bool getSimMode() const { return m_simMode; }
 
   LteTime getLTETime_real();

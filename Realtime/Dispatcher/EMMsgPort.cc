@@ -16,15 +16,21 @@
 #include "OlmAssert.h"
 #include "PhysicalMemory.h"
 #include "Rhyddal.h"
+#include "RhyddalHost.h"
+#include "RhyddalPhysicalMemory.h"
+
+// Present only in the host replacement of the platform library.
+extern "C" RHYDDAL_HOST_OPTIONAL int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size);
 
 namespace {
 
 constexpr unsigned kQueuesPerLine = 10;
 constexpr size_t kLineBufferSize = 512;
-constexpr const char* kQueueHistoryObject = "EM_QUEUE_HIST";
-constexpr unsigned kQueueHistoryRecords = 100;
-constexpr size_t kQueueHistoryRecordSize = 512;
-constexpr size_t kQueueHistorySize = kQueueHistoryRecords * kQueueHistoryRecordSize;  // 51200
+constexpr unsigned kQueueHistoryRecords = RHYDDAL_QUEUE_HISTORY_RECORDS;
+constexpr size_t kQueueHistoryRecordSize = RHYDDAL_QUEUE_HISTORY_RECORD_BYTES;
+constexpr size_t kQueueHistorySize = RHYDDAL_QUEUE_HISTORY_BYTES;
+static_assert(kQueueHistorySize == 51200, "the queue history is 100 lines of 512 bytes");
+constexpr size_t kShmNameSize = 256;
 constexpr unsigned kEventHeaderSize = 8;
 constexpr uint8_t kEventHeaderType = 2;
 
@@ -112,8 +118,13 @@ void EMMsgPort::dumpQueueTable() {
   close(fd);
 }
 
+// The system's fixed name, unless the host library keeps the object under another one.
 void EMMsgPort::dumpQueueHistory() {
-  const int fd = shm_open(kQueueHistoryObject, O_RDWR, 0666);
+  char name[kShmNameSize] = RHYDDAL_QUEUE_HISTORY_NAME;
+  if (rhyddal_host_shm_name != nullptr && rhyddal_host_shm_name(RHYDDAL_QUEUE_HISTORY_NAME, name, sizeof(name)) != 0) {
+    std::snprintf(name, sizeof(name), "%s", RHYDDAL_QUEUE_HISTORY_NAME);
+  }
+  const int fd = shm_open(name, O_RDWR, 0666);
   OLM_ASSERT_TEXT(fd >= 0, "buffer!=NULL");
   void* ptr = mmap(nullptr, kQueueHistorySize, PROT_READ, MAP_SHARED, fd, 0);
   OLM_ASSERT(ptr != MAP_FAILED);

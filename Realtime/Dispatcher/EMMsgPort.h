@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "IMsgPort.h"
+#include "RhyddalPhysicalMemory.h"
 
 extern "C" {
 // The event machine's server initialisation and test route, exported under these plain names.
@@ -18,9 +19,9 @@ namespace Olm {
 class EMMsgPort : public IMsgPort {
  public:
   // The event machine's queue table, read by the out-of-buffers post-mortem.
-  static constexpr uint32_t kQueueTablePhysical = 0x2A40000;
-  static constexpr uint32_t kQueueTableSize = 0x40000;
-  static constexpr unsigned kQueueCount = 16384;
+  static constexpr uint32_t kQueueTablePhysical = RHYDDAL_QUEUE_TABLE_PHYSICAL;
+  static constexpr uint32_t kQueueTableSize = RHYDDAL_QUEUE_TABLE_BYTES;
+  static constexpr unsigned kQueueCount = RHYDDAL_QUEUE_COUNT;
 
   EMMsgPort() = default;
 

@@ -7,6 +7,10 @@
 #include <cstdlib>
 
 #include "OlmAssert.h"
+#include "RhyddalHost.h"
+
+// Present only in the host replacement of the platform library.
+extern "C" RHYDDAL_HOST_OPTIONAL const char* rhyddal_host_physical_memory_path(void);
 
 #ifndef OLM_DEFAULT_DEVMEM
 #define OLM_DEFAULT_DEVMEM "/dev/mem"
@@ -15,6 +19,10 @@
 namespace Olm {
 
 const char* physicalMemoryDevice() {
+  if (rhyddal_host_physical_memory_path != nullptr) {
+    const char* emulated = rhyddal_host_physical_memory_path();
+    return emulated != nullptr ? emulated : "";
+  }
   const char* device = std::getenv("OLM_DEVMEM");
   if (device != nullptr && device[0] != '\0') return device;
   return OLM_DEFAULT_DEVMEM;

@@ -31,19 +31,58 @@ function(olm_add_test name)
                        PROPERTIES TIMEOUT 120 SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
 endfunction()
 
-# olm_library_directory([PUBLIC_HEADERS <headers...>] [TEST_LIBRARIES <targets...>])
-# Adds every *.cc of the current directory except *_test.cc and *_benchmark.cc to OlmLiteRt, and
-# builds the directory's *_test.cc files into one test executable named after the directory.
-function(olm_library_directory)
-  cmake_parse_arguments(ARG "" "" "PUBLIC_HEADERS;TEST_LIBRARIES" ${ARGN})
+# The runtime is built in layers, each an object library of its own directory. A layer sees the
+# public headers (Realtime/Include), its own directory and what the layers it DEPENDS on export,
+# nothing else, so an include against the direction of the layers does not compile. The README's
+# layout table gives the direction.
+#
+# olm_runtime_layer(<target> [PRIVATE_DIRECTORY] DEPENDS <targets...>)
+#   Every *.cc of the current directory but *_test.cc and *_benchmark.cc. The directory's headers
+#   are visible to the layers above unless PRIVATE_DIRECTORY (a service: its public headers are in
+#   Realtime/Include, the rest is its own). The directory's *_test.cc files become one test
+#   executable named after the directory, linked with the internal runtime library.
+function(olm_runtime_layer target)
+  cmake_parse_arguments(ARG "PRIVATE_DIRECTORY" "" "DEPENDS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
   file(GLOB tests CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
   list(FILTER sources EXCLUDE REGEX "_(test|benchmark)\\.cc$")
-  target_sources(OlmLiteRt PRIVATE ${sources})
-  olm_public_headers(${ARG_PUBLIC_HEADERS})
-  target_include_directories(OlmLiteRt PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>)
+  add_library(${target} OBJECT ${sources})
+  olm_target_defaults(${target})
+  # Only what the public headers declare leaves the shared library (OlmApi.h).
+  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  # Calls between the library's own exported functions need not go through the PLT: nothing
+  # interposes them.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+  if(ARG_PRIVATE_DIRECTORY)
+    target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+  else()
+    target_include_directories(${target} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+  endif()
+  target_link_libraries(${target} PUBLIC OlmRtApi ${ARG_DEPENDS})
+  set_property(GLOBAL APPEND PROPERTY OLM_RUNTIME_LAYERS ${target})
   if(tests)
     get_filename_component(dir_name ${CMAKE_CURRENT_SOURCE_DIR} NAME)
-    olm_add_test(${dir_name}_tests SOURCES ${tests} LIBRARIES OlmLiteRt olm_test_support ${ARG_TEST_LIBRARIES})
+    olm_add_test(${dir_name}_tests SOURCES ${tests} LIBRARIES OlmLiteRtInternal olm_test_support)
+    target_include_directories(${dir_name}_tests PRIVATE $<TARGET_PROPERTY:${target},INCLUDE_DIRECTORIES>)
   endif()
+endfunction()
+
+# olm_layer_probe(<name> LAYER <target> INCLUDES <header>)
+#   A test that a file of the layer cannot include the header: it compiles a one-line source with
+#   exactly the layer's include path and expects the compiler to find no such file.
+function(olm_layer_probe name)
+  if(NOT OLM_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "LAYER;INCLUDES" "" ${ARGN})
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/LayerProbe_${name}.cc)
+  file(WRITE ${source} "// Must not compile: ${ARG_LAYER} lies below ${ARG_INCLUDES}.\n#include \"${ARG_INCLUDES}\"\n")
+  add_library(LayerProbe_${name} OBJECT EXCLUDE_FROM_ALL ${source})
+  target_include_directories(LayerProbe_${name} PRIVATE $<TARGET_PROPERTY:${ARG_LAYER},INCLUDE_DIRECTORIES>)
+  add_test(NAME Layering.${name}
+           COMMAND ${CMAKE_COMMAND} --build ${CMAKE_BINARY_DIR} --target LayerProbe_${name})
+  string(REPLACE "." "\\." header_pattern "${ARG_INCLUDES}")
+  set_tests_properties(Layering.${name} PROPERTIES
+                       PASS_REGULAR_EXPRESSION "${header_pattern}: No such file"
+                       RESOURCE_LOCK olm_build_tree TIMEOUT 120)
 endfunction()

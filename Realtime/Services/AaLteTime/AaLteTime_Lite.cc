@@ -2,9 +2,11 @@
 
 #include "AaSysCom.h"
 #include "AaSysLog.h"
-#include "Dispatcher.h"
+#include "IRuntime.h"
 #include "LteTime.h"
 #include "OlmAssert.h"
+
+OLM_ASSERT_SOURCE("Realtime/Services/AaLteTime/AaLteTime_Lite")
 
 namespace {
 
@@ -36,10 +38,10 @@ const char* const kMessageMatchSignature =
 
 void logError(const char* text) { AaSysLogPrintE(EAaSysLogSeverityLevel_Error, AASYSLOG_FEATURE_NONE, "%s", text); }
 
-Olm::Dispatcher* findDispatcher() {
-  Olm::Dispatcher* dispatcher = Olm::Dispatcher::getTheDispatcher();
-  if (dispatcher == nullptr) logError(kNoDispatcherText);
-  return dispatcher;
+Olm::IRuntime* findDispatcher() {
+  Olm::IRuntime* runtime = Olm::IRuntime::getTheRuntime();
+  if (runtime == nullptr) logError(kNoDispatcherText);
+  return runtime;
 }
 
 bool isStartInRange(TAaLteBtsHyperFrameNr hyperFrame, TAaLteBtsFrameNr frame, TAaLteBtsSlotNr slot,
@@ -75,7 +77,7 @@ Olm::LteTime makePeriod(u32 periodFrames, u32 periodSlots, u32 periodBasicTUs) {
 }
 
 [[noreturn]] void failUnsupported(const char* signature, unsigned line) {
-  Olm::assertFail("0", OLM_ASSERT_SOURCE_NAME(), line, signature);
+  Olm::assertFail("0", kOlmAssertSource, line, signature);
 }
 
 }  // namespace
@@ -85,7 +87,7 @@ extern "C" {
 EAaLteTimeRetVal AaLteTimeGet(TAaLteBtsHyperFrameNr* hyperFrame, TAaLteBtsFrameNr* frame,
                               TAaLteBtsSubFrameNr* subFrame, TAaLteBtsSlotNr* slot,
                               TAaLteBtsBasicTUNr* basicTU) {
-  Olm::Dispatcher* dispatcher = findDispatcher();
+  Olm::IRuntime* dispatcher = findDispatcher();
   if (dispatcher == nullptr) return EAaLteTimeRetVal_NoDispatcher;
   const Olm::LteTime now = dispatcher->getLteTime();
   if (now.getStatus() != EAaLteTimeRetVal_Ok) return now.getStatus();
@@ -114,7 +116,7 @@ EAaLteTimeRetVal AaLteTimermSyncCreate(TAaLteTimerId* timerId, TAaLteBtsHyperFra
     logError("AaLteTimermSyncCreate(): Invalid parameter (functionPtr or timerIdPtr is NULL)!");
     return EAaLteTimeRetVal_InvalidParameter;
   }
-  Olm::Dispatcher* dispatcher = findDispatcher();
+  Olm::IRuntime* dispatcher = findDispatcher();
   if (dispatcher == nullptr) return EAaLteTimeRetVal_NoDispatcher;
   const Olm::LteTime now = dispatcher->getLteTime();
   if (now.getStatus() != EAaLteTimeRetVal_Ok) {
@@ -180,7 +182,7 @@ EAaLteTimeRetVal AaLteTimerCreate(TAaLteTimerId* timerId, TAaLteBtsHyperFrameNr 
 }
 
 EAaLteTimeRetVal AaLteTimerDelete(TAaLteTimerId timerId) {
-  Olm::Dispatcher* dispatcher = findDispatcher();
+  Olm::IRuntime* dispatcher = findDispatcher();
   if (dispatcher == nullptr) return EAaLteTimeRetVal_NoDispatcher;
   // A stale id gives back nothing, which is not an error.
   void* message = dispatcher->cancelTimer(timerId);
@@ -189,7 +191,7 @@ EAaLteTimeRetVal AaLteTimerDelete(TAaLteTimerId timerId) {
 }
 
 void* AaLteTimermDelete(TAaLteTimerId timerId) {
-  Olm::Dispatcher* dispatcher = findDispatcher();
+  Olm::IRuntime* dispatcher = findDispatcher();
   if (dispatcher == nullptr) return nullptr;
   return dispatcher->cancelTimer(timerId);
 }

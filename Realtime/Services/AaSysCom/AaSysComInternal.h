@@ -9,7 +9,8 @@
 #include <cstring>
 
 #include "AaSysCom.h"
-#include "Dispatcher.h"
+#include "AaSysComMsgHeader.h"
+#include "IRuntime.h"
 
 namespace Olm::syscom {
 
@@ -39,11 +40,11 @@ inline bool refusedAsNullHandle(void* const* handle, const char* text) {
   return true;
 }
 
-// The Dispatcher, or null with the absence logged.
-inline Dispatcher* dispatcherOrLog() {
-  Dispatcher* dispatcher = Dispatcher::getTheDispatcher();
-  if (dispatcher == nullptr) logNoDispatcher();
-  return dispatcher;
+// The runtime (the Dispatcher), or null with the absence logged.
+inline IRuntime* runtimeOrLog() {
+  IRuntime* runtime = IRuntime::getTheRuntime();
+  if (runtime == nullptr) logNoDispatcher();
+  return runtime;
 }
 
 inline uint32_t mefOf(const void* msg) { return msgHeader(msg)->flags & AASYSCOM_MEF_MASK; }

@@ -224,7 +224,7 @@ TAaSysComSicad AaSysComSicadGet(TAaSysComCpid cpid, TAaSysComNid nid) {
 }
 
 TAaSysComNid AaSysComGetOwnNid(void) {
-  Olm::Dispatcher* dispatcher = dispatcherOrLog();
+  Olm::IRuntime* dispatcher = runtimeOrLog();
   return dispatcher != nullptr ? dispatcher->getOwnNid() : TAaSysComNid{0};
 }
 

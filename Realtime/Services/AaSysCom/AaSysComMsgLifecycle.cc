@@ -48,7 +48,7 @@ void writeNewHeader(void* msg, TAaSysComMsgId id, TAaSysComMsgSize payloadSize, 
 // A byte-for-byte copy of source, or null. A corrupt total length below the header still gets a
 // whole header, so that the copy can be read like any message.
 void* duplicate(const void* source) {
-  Olm::Dispatcher* dispatcher = dispatcherOrLog();
+  Olm::IRuntime* dispatcher = runtimeOrLog();
   if (dispatcher == nullptr) return nullptr;
   const uint32_t size = std::max(totalLengthOf(source), AASYSCOM_HEADER_SIZE);
   void* copy = dispatcher->newMessage(size);
@@ -88,7 +88,7 @@ int32_t sendChecked(void** messagePtr, const SendTexts& texts) {
   if (refusedAsNullHandle(messagePtr, texts.nullMessage)) return kNotSent;
   if (refusedWithoutSender(messagePtr, texts.senderNotSet)) return kNotSent;
   resolvePlaceholderNid(*messagePtr);
-  Olm::Dispatcher* dispatcher = Olm::Dispatcher::getTheDispatcher();
+  Olm::IRuntime* dispatcher = Olm::IRuntime::getTheRuntime();
   if (dispatcher == nullptr) {
     AaSysComMsgDestroy(messagePtr);  // logs the missing Dispatcher
     return kNotSent;
@@ -107,7 +107,7 @@ void* AaSysComMsgCreate(TAaSysComMsgId messageId, TAaSysComMsgSize payloadSize, 
     logFailure("AaSysComMsgCreate(): messagePayloadSize too high");
     return nullptr;
   }
-  Olm::Dispatcher* dispatcher = dispatcherOrLog();
+  Olm::IRuntime* dispatcher = runtimeOrLog();
   if (dispatcher == nullptr) return nullptr;
   void* msg = dispatcher->newMessage(static_cast<uint16_t>(payloadSize + AASYSCOM_HEADER_SIZE));
   if (msg == nullptr) return nullptr;
@@ -147,7 +147,7 @@ void AaSysComMsgDestroy(void** messagePtr) {
   if (isNullHandle(messagePtr)) return;
   // Without a Dispatcher there is no port to give the buffer back to; it is dropped, not freed
   // elsewhere, since only the port knows how it was allocated.
-  Olm::Dispatcher* dispatcher = dispatcherOrLog();
+  Olm::IRuntime* dispatcher = runtimeOrLog();
   if (dispatcher != nullptr) dispatcher->deleteMessage(*messagePtr);
   *messagePtr = nullptr;
 }

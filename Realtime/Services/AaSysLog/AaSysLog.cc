@@ -10,7 +10,7 @@
 #include "AaSysCom.h"
 #include "AaSysLogLine.h"
 #include "AaSysTime.h"
-#include "Dispatcher.h"
+#include "IRuntime.h"
 
 namespace {
 
@@ -82,11 +82,18 @@ void* createLogMessage(const Olm::SysLogLine& line, TAaSysComNid ownNid) {
   return msg;
 }
 
-void copyToDispatcherLog(Olm::Dispatcher& dispatcher, uint32_t featureId, const Olm::SysLogLine& line) {
-  if (featureId != kNoFeature) dispatcher.logfString("%s", line.text);
+void logfString(Olm::IRuntime& runtime, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  runtime.vlogfString(format, args);
+  va_end(args);
 }
 
-void sendOrDiscard(Olm::Dispatcher& dispatcher, void* msg, uint32_t outputSwitch) {
+void copyToDispatcherLog(Olm::IRuntime& runtime, uint32_t featureId, const Olm::SysLogLine& line) {
+  if (featureId != kNoFeature) logfString(runtime, "%s", line.text);
+}
+
+void sendOrDiscard(Olm::IRuntime& dispatcher, void* msg, uint32_t outputSwitch) {
   if (outputSwitch == kOutputSwitchOff) {
     AaSysComMsgDestroy(&msg);
   } else if (msg != nullptr) {
@@ -104,7 +111,7 @@ void printLine(EAaSysLogSeverityLevel level, uint32_t featureId, const Olm::SysL
   const uint32_t inputLevel = AaConfigRadGetValue(kInputLevelTag);
   const uint32_t outputSwitch = AaConfigRadGetValue(kOutputSwitchTag);
   if (!isOutputLevel(level, inputLevel)) return;
-  Olm::Dispatcher* dispatcher = Olm::Dispatcher::getTheDispatcher();
+  Olm::IRuntime* dispatcher = Olm::IRuntime::getTheRuntime();
   if (dispatcher == nullptr) return;
   Olm::SysLogStamp stamp;
   if (!takeStamp(stamp)) return;
@@ -119,13 +126,13 @@ void printLine(EAaSysLogSeverityLevel level, uint32_t featureId, const Olm::SysL
 
 // A record without a format would have nothing to say; it is dropped rather than stored.
 uint32_t recordWords(uint32_t count, const char* format, va_list args) {
-  Olm::Dispatcher* dispatcher = Olm::Dispatcher::getTheDispatcher();
+  Olm::IRuntime* dispatcher = Olm::IRuntime::getTheRuntime();
   if (dispatcher != nullptr && format != nullptr) dispatcher->vlogf(count, format, args);
   return 0;
 }
 
 uint32_t recordText(const char* format, va_list args) {
-  Olm::Dispatcher* dispatcher = Olm::Dispatcher::getTheDispatcher();
+  Olm::IRuntime* dispatcher = Olm::IRuntime::getTheRuntime();
   if (dispatcher != nullptr && format != nullptr) dispatcher->vlogfString(format, args);
   return 0;
 }

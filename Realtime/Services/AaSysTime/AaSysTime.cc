@@ -8,7 +8,7 @@
 #include "AaLteTime.h"
 #include "AaSysLog.h"
 #include "AaSysTimeCalendar.h"
-#include "Dispatcher.h"
+#include "IRuntime.h"
 #include "LteTime.h"
 #include "Rhyddal.h"
 
@@ -124,11 +124,11 @@ EAaSysTimeRetVal AaSysTimermCreate(TAaSysTimerId* timerId, uint32_t delayUs, uin
     return EAaSysTimeRetVal_InvalidParameter;
   }
   // Unlike the LTE timer functions, a missing Dispatcher is fatal here.
-  Olm::Dispatcher* dispatcher = Olm::Dispatcher::getDispatcherInstance();
-  const uint64_t now = dispatcher->getLteTime().getSamples();
+  Olm::IRuntime& runtime = Olm::IRuntime::getRuntimeInstance();
+  const uint64_t now = runtime.getLteTime().getSamples();
   const Olm::LteTime start(timerStartSamples(now, microsecondsToBasicTimeUnits(delayUs)));
   const Olm::LteTime period(microsecondsToBasicTimeUnits(periodUs));
-  *timerId = dispatcher->startTimer(start, period, message);
+  *timerId = runtime.startTimer(start, period, message);
   return EAaSysTimeRetVal_Ok;
 }
 

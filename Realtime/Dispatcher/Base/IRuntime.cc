@@ -1,0 +1,23 @@
+#include "IRuntime.h"
+
+#include "OlmAssert.h"
+
+// A missing runtime is the Dispatcher's missing instance, and is reported as such.
+OLM_ASSERT_SOURCE("Realtime/Dispatcher/Dispatcher")
+
+namespace Olm {
+
+namespace {
+IRuntime* theRuntime = nullptr;
+}
+
+IRuntime* IRuntime::getTheRuntime() { return theRuntime; }
+
+IRuntime& IRuntime::getRuntimeInstance() {
+  OLM_ASSERT_TEXT(theRuntime != nullptr, "theDispatcher != 0");
+  return *theRuntime;
+}
+
+void IRuntime::setTheRuntime(IRuntime* runtime) { theRuntime = runtime; }
+
+}  // namespace Olm

@@ -1,0 +1,24 @@
+/* Start-up of the platform services once the Dispatcher and the tag database exist. */
+#ifndef OLM_AASTARTUP_H
+#define OLM_AASTARTUP_H
+
+#include <stdint.h>
+
+#include "OlmApi.h"
+
+OLM_API_BEGIN
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Starts the services of the EE phase. Returns 0. */
+uint32_t AaStartupEeStartup(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+OLM_API_END
+
+#endif /* OLM_AASTARTUP_H */

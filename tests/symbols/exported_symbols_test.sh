@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# The shared library's dynamic symbols are exactly its public interface: every symbol it exports
+# is declared in an installed public header, and every function those headers declare (and do not
+# define inline) is exported.
+# Usage: exported_symbols_test.sh <libOlmLiteRt.so> <public header directory>
+set -euo pipefail
+library=$1
+headers=$2
+failures=0
+
+# The public headers without their comments (the preprocessor strips them, expanding nothing).
+public_code=$(for header in "$headers"/*.h; do ${CXX:-c++} -x c++ -fpreprocessed -dD -E -P "$header" 2>/dev/null; done)
+# Every identifier the public headers declare or use.
+declared_words=$(grep -oE '[A-Za-z_][A-Za-z0-9_]*' <<<"$public_code" | sort -u)
+mentions() { grep -qxF "$1" <<<"$declared_words"; }
+
+# The name an exported symbol is declared under: a C symbol's own name, a C++ function's last name
+# component, or the class of a typeinfo or vtable.
+declared_name() {
+  local symbol=$1
+  case "$symbol" in
+    "typeinfo name for "*) symbol=${symbol#typeinfo name for } ;;
+    "typeinfo for "*) symbol=${symbol#typeinfo for } ;;
+    "vtable for "*) symbol=${symbol#vtable for } ;;
+  esac
+  symbol=${symbol%%(*}
+  symbol=${symbol##*::}
+  case "$symbol" in
+    operator*) echo "operator" ;;
+    *) echo "$symbol" ;;
+  esac
+}
+
+exported=$(${NM:-nm} -D --defined-only "$library" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' | c++filt)
+while IFS= read -r symbol; do
+  [ -n "$symbol" ] || continue
+  name=$(declared_name "$symbol")
+  if ! mentions "$name"; then
+    echo "exported but in no public header: $symbol"
+    failures=$((failures + 1))
+  fi
+done <<<"$exported"
+
+# Function declarations (not inline, not pure virtual) of the public headers must be exported. A
+# declaration is a line that ends in ");" or ") const;" after a name and an argument list; the
+# attributes of printf-like functions follow on the next line and end the same way.
+exported_names=$(while IFS= read -r symbol; do declared_name "$symbol"; done <<<"$exported" | sort -u)
+declared_functions=$(cat <<<"$public_code" |
+  tr '\n' ' ' | sed 's/;/;\n/g' |
+  grep -E '\)[[:space:]]*(const)?[[:space:]]*(__attribute__\(\([^;]*\)\))?[[:space:]]*;$' |
+  grep -vE '=[[:space:]]*0[[:space:]]*;$|typedef|\{|^[[:space:]]*#|return ' |
+  sed -E 's/__attribute__\(\(.*\)\)//; s/\([^()]*\)[[:space:]]*(const)?[[:space:]]*;$/(/' |
+  grep -oE '[A-Za-z_][A-Za-z0-9_]*[[:space:]]*\($' | sed -E 's/[[:space:]]*\($//' |
+  grep -vxE '__attribute__|format|printf|sizeof|static_assert|offsetof|alignof|defined|if|while|for' | sort -u)
+for name in $declared_functions; do
+  if ! grep -qxF "$name" <<<"$exported_names"; then
+    echo "declared in a public header but not exported: $name"
+    failures=$((failures + 1))
+  fi
+done
+
+count=$(grep -c . <<<"$exported")
+if [ "$failures" -ne 0 ]; then
+  echo "$failures problem(s) among $count exported symbols"
+  exit 1
+fi
+echo "$count exported symbols, each declared in a public header; all $(wc -w <<<"$declared_functions") functions the headers declare are exported"

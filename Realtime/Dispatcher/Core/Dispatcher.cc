@@ -229,7 +229,8 @@ bool Dispatcher::deliverTimer(const TimerQueue::Expiry& expiry) {
   return ingress(msg);
 }
 
-// A periodic timer keeps its message; every firing delivers a fresh copy of it.
+// A periodic timer keeps its message; every firing delivers a fresh copy of it. Without a buffer
+// for the copy this firing delivers nothing; the timer stays armed for the next.
 void* Dispatcher::copyTimerMessage(const void* msg) {
   const uint32_t length = msgHeader(msg)->totalLength;
   if (length == 0 || length > kMaxTimerMsgLength) {
@@ -237,7 +238,7 @@ void* Dispatcher::copyTimerMessage(const void* msg) {
     OLM_ASSERT(0);
   }
   void* copy = m_msgPort->allocMsg(length);
-  std::memcpy(copy, msg, length);
+  if (copy != nullptr) std::memcpy(copy, msg, length);
   return copy;
 }
 

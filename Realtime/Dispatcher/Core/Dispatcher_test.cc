@@ -254,6 +254,14 @@ TEST_F(DispatcherTest, PeriodicTimerDeliversACopyEachPeriodAndKeepsItsMessage) {
   }
   EXPECT_EQ(eu.processedIds, (std::vector<uint16_t>{9, 9, 9}));
   EXPECT_EQ(port.liveBuffers(), 1u);  // only the stored original
+  port.failAllocations(true);  // no buffer for the copy: this firing is lost, the timer is not
+  time.setSamples(400);
+  dispatcher->runIteration();
+  port.failAllocations(false);
+  time.setSamples(500);
+  dispatcher->runIteration();
+  dispatcher->runIteration();
+  EXPECT_EQ(eu.processedIds, (std::vector<uint16_t>{9, 9, 9, 9}));
   EXPECT_EQ(dispatcher->cancelTimer(id), stored);
   EXPECT_EQ(dispatcher->cancelTimer(id), nullptr);
   port.freeMsg(stored);

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "AaSysComMsgHeader.h"
+#include "FormatArguments.h"
 #include "MsgNameCatalogue.h"
 
 namespace Olm {
@@ -30,9 +31,15 @@ void TrivialLog::vlogfMessage(unsigned int count, const char* format, va_list ar
   va_copy(formatArgs, args);
   std::vfprintf(m_out, format, formatArgs);
   va_end(formatArgs);
-  // Every argument is one machine word; the message is the count-th.
+  // The message is the count-th argument, after the count - 1 that the format reads.
   void* msg = nullptr;
-  for (unsigned int i = 0; i < count; ++i) msg = reinterpret_cast<void*>(va_arg(args, uintptr_t));
+  if (count > 0) {
+    va_list rest;
+    va_copy(rest, args);
+    skipFormatArguments(format, count - 1, &rest);
+    msg = va_arg(rest, void*);
+    va_end(rest);
+  }
   if (msg == nullptr) {
     std::fputc('\n', m_out);
     return;

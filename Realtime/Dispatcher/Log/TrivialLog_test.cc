@@ -56,9 +56,11 @@ TEST_F(TrivialLogTest, MessageLinesShowIdAddressesAndNameFromTheLastArgument) {
   SAaSysComMsgHeader unknown{0x0001, 0, 1, 2, 4, 16};
   log->logfMessage(1, "Send", &known);
   log->logfMessage(3, "(%04x)->%s", 0x610, "Process", &unknown);
+  log->logfMessage(3, "%llu %.1f", 1ULL << 40, 0.5, &known);  // arguments wider than a word
   EXPECT_EQ(written(),
             "[0012,0345,07,01234] Send {MsgId: 2101 Target: 12030123 Source: 12030456} (PHY_CCPCH_SEND_REQ_MSG)\n"
-            "[0012,0345,07,01234] (0610)->Process {MsgId: 0001 Target: 00000001 Source: 00000002} (UNKNOWN)\n");
+            "[0012,0345,07,01234] (0610)->Process {MsgId: 0001 Target: 00000001 Source: 00000002} (UNKNOWN)\n"
+            "[0012,0345,07,01234] 1099511627776 0.5 {MsgId: 2101 Target: 12030123 Source: 12030456} (PHY_CCPCH_SEND_REQ_MSG)\n");
 }
 
 TEST(MsgNameCatalogue, HoldsTheWholeVocabularyAndTheFirstOfARepeatedIdWins) {

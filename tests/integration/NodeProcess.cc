@@ -104,9 +104,6 @@ std::string libraryPath(const std::string& name) { return std::string(OLM_TEST_L
 
 std::string pingEuPath() { return OLM_TEST_PING_EU; }
 
-// Node ids in 0x2000..0x5FFF, spread by process id so that test runs in parallel do not meet.
-unsigned uniqueNid(unsigned offset) { return 0x2000 + ((static_cast<unsigned>(getpid()) * 8 + offset) & 0x3FFF); }
-
 std::string hex(unsigned value) {
   char text[16];
   std::snprintf(text, sizeof(text), "0x%04x", value);

@@ -39,11 +39,10 @@ class NodeProcess {
   int m_status = 0;
 };
 
-// Paths of the built programs and libraries, and a node id no other test run uses.
+// Paths of the built programs and libraries.
 std::string executablePath();
 std::string libraryPath(const std::string& name);
 std::string pingEuPath();
-unsigned uniqueNid(unsigned offset);
 // "0x%04x", as node ids are written on the command line and in the nodes' output.
 std::string hex(unsigned value);
 

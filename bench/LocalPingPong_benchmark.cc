@@ -10,6 +10,7 @@
 
 #include "AaSysCom.h"
 #include "Dispatcher.h"
+#include "TestNamespace.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ PlayerEu pong(kPingCpid);
 
 Olm::Dispatcher& node() {
   static Olm::Dispatcher* dispatcher = [] {
-    std::string nid = std::to_string(0x6000 + (getpid() & 0xFFF));
+    std::string nid = std::to_string(OlmTest::nextTestNid());
     std::string argv0 = "LocalPingPong_benchmark", nidOption = "--nid", waitOption = "--wait", zero = "0";
     char* argv[] = {argv0.data(), nidOption.data(), nid.data(), waitOption.data(), zero.data(), nullptr};
     auto* d = static_cast<Olm::Dispatcher*>(Olm::IAaSysDispatcher::IAaSysDispatcherCreate(5, argv));
@@ -81,5 +82,3 @@ BENCHMARK_CAPTURE(BM_LocalPingPong, Reply, Mode::Reply);
 BENCHMARK_CAPTURE(BM_LocalPingPong, Forward, Mode::Forward);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -17,6 +17,7 @@
 
 #include "AaSysCom.h"
 #include "Dispatcher.h"
+#include "TestNamespace.h"
 #include "RoundTrip.h"
 
 namespace {
@@ -54,7 +55,7 @@ void stopPeer() {
 }
 
 void startPeer() {
-  peerNid = static_cast<TAaSysComNid>(0x7000 + (getpid() & 0xFFF));
+  peerNid = OlmTest::nextTestNid();
   const std::string nid = std::to_string(peerNid);
   peerPid = fork();
   if (peerPid == 0) {
@@ -68,7 +69,7 @@ void startPeer() {
 Olm::Dispatcher& node() {
   static Olm::Dispatcher* dispatcher = [] {
     startPeer();
-    std::string nid = std::to_string(0x6800 + (getpid() & 0xFFF));
+    std::string nid = std::to_string(OlmTest::nextTestNid());
     std::string argv0 = "NodePingPong_benchmark", nidOption = "--nid", waitOption = "--wait", zero = "0";
     char* argv[] = {argv0.data(), nidOption.data(), nid.data(), waitOption.data(), zero.data(), nullptr};
     auto* d = static_cast<Olm::Dispatcher*>(Olm::IAaSysDispatcher::IAaSysDispatcherCreate(5, argv));
@@ -143,5 +144,3 @@ BENCHMARK(BM_NodeRoundTrip)->Iterations(roundtrip::kRoundTrips)->UseManualTime()
 BENCHMARK(BM_NodeStream)->UseRealTime();
 
 }  // namespace
-
-BENCHMARK_MAIN();

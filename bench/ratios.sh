@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Runs the benchmarks back to back and ends with one line per ratio, "name value":
+#   stream_over_local_reply      NodeStream's one-way messages per second over LocalPingPong Reply's
+#                                messages per second (target >= 0.5)
+#   rtt_p50_over_bare_apart      node round trip p50 over the bare futex ring's, the two processes
+#                                of each pinned to CPUs 0 and 1 (target <= 1.2)
+#   rtt_p50_over_bare_same_cpu   the same with both processes of each pair on CPU 0 (target <= 1.2)
+#   timer_p50_over_timerfd       a 1 ms LTE timer's lateness p50 on an idle node over a bare
+#                                timerfd loop's, same thread (target <= 1.1)
+# Figures are medians of repetitions. Usage: bench/ratios.sh [build dir]   (default build/native;
+# build it as RelWithDebInfo or Release).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+bench_dir=${1:-$root/build/native}/bench
+repetitions=${OLM_BENCH_REPETITIONS:-5}
+results=$(mktemp)
+trap 'rm -f "$results"' EXIT
+
+# Appends "<placement> <benchmark> <counter> <median>" for the counters the ratios use.
+run() {
+  local placement=$1 program=$2 filter=$3
+  echo "=== $program ($filter, placement ${placement})" >&2
+  OLM_BENCH_PLACEMENT=$placement "$bench_dir/$program" --benchmark_filter="$filter" \
+    --benchmark_repetitions="$repetitions" --benchmark_report_aggregates_only=true \
+    --benchmark_format=json 2>/dev/null |
+    awk -v placement="$placement" '
+      /"name":/ { name = $2; gsub(/[",]/, "", name) }
+      /"(items_per_second|p50_us|one_way_msgs_per_s)":/ {
+        key = $1; gsub(/[":]/, "", key); value = $2; gsub(/,/, "", value)
+        if (name ~ /_median$/) { sub(/_median$/, "", name); print placement, name, key, value }
+      }' | tee -a "$results" >&2
+}
+
+run apart LocalPingPong_benchmark 'LocalPingPong/Reply'
+run apart NodePingPong_benchmark 'NodeStream|NodeRoundTrip|BareRingRoundTrip'
+run same NodePingPong_benchmark 'NodeRoundTrip|BareRingRoundTrip'
+run same TimerLateness_benchmark '.'
+
+value() { awk -v p="$1" -v b="$2" -v k="$3" '$1 == p && index($2, b) == 1 && $3 == k { print $4; exit }' "$results"; }
+ratio() {
+  local name=$1 numerator=$2 denominator=$3
+  if [ -z "$numerator" ] || [ -z "$denominator" ]; then echo "$name missing"; return; fi
+  awk -v n="$numerator" -v d="$denominator" -v name="$name" 'BEGIN { printf "%s %.3f\n", name, n / d }'
+}
+
+echo
+ratio stream_over_local_reply "$(value apart BM_NodeStream one_way_msgs_per_s)" \
+  "$(value apart BM_LocalPingPong/Reply items_per_second)"
+ratio rtt_p50_over_bare_apart "$(value apart BM_NodeRoundTrip p50_us)" "$(value apart BM_BareRingRoundTrip p50_us)"
+ratio rtt_p50_over_bare_same_cpu "$(value same BM_NodeRoundTrip p50_us)" "$(value same BM_BareRingRoundTrip p50_us)"
+ratio timer_p50_over_timerfd "$(value same BM_NodeTimerLateness p50_us)" "$(value same BM_TimerfdLateness p50_us)"

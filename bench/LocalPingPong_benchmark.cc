@@ -9,8 +9,7 @@
 #include <string>
 
 #include "AaSysCom.h"
-#include "Dispatcher.h"
-#include "TestNamespace.h"
+#include "BenchNode.h"
 
 namespace {
 
@@ -48,10 +47,7 @@ PlayerEu pong(kPingCpid);
 
 Olm::Dispatcher& node() {
   static Olm::Dispatcher* dispatcher = [] {
-    std::string nid = std::to_string(OlmTest::nextTestNid());
-    std::string argv0 = "LocalPingPong_benchmark", nidOption = "--nid", waitOption = "--wait", zero = "0";
-    char* argv[] = {argv0.data(), nidOption.data(), nid.data(), waitOption.data(), zero.data(), nullptr};
-    auto* d = static_cast<Olm::Dispatcher*>(Olm::IAaSysDispatcher::IAaSysDispatcherCreate(5, argv));
+    Olm::Dispatcher* d = &bench::startNode("LocalPingPong_benchmark");
     d->AaSysDispatcherCpidBind(ping, kPingCpid);
     d->AaSysDispatcherCpidBind(pong, kPongCpid);
     return d;

@@ -16,8 +16,7 @@
 #include <vector>
 
 #include "AaSysCom.h"
-#include "Dispatcher.h"
-#include "TestNamespace.h"
+#include "BenchNode.h"
 #include "RoundTrip.h"
 
 namespace {
@@ -69,10 +68,7 @@ void startPeer() {
 Olm::Dispatcher& node() {
   static Olm::Dispatcher* dispatcher = [] {
     startPeer();
-    std::string nid = std::to_string(OlmTest::nextTestNid());
-    std::string argv0 = "NodePingPong_benchmark", nidOption = "--nid", waitOption = "--wait", zero = "0";
-    char* argv[] = {argv0.data(), nidOption.data(), nid.data(), waitOption.data(), zero.data(), nullptr};
-    auto* d = static_cast<Olm::Dispatcher*>(Olm::IAaSysDispatcher::IAaSysDispatcherCreate(5, argv));
+    Olm::Dispatcher* d = &bench::startNode("NodePingPong_benchmark");
     d->AaSysDispatcherCpidBind(client, kClientCpid);
     return d;
   }();

@@ -17,8 +17,7 @@
 #include <vector>
 
 #include "AaSysCom.h"
-#include "Dispatcher.h"
-#include "TestNamespace.h"
+#include "BenchNode.h"
 
 namespace {
 
@@ -64,10 +63,7 @@ TickEu tickEu;
 
 Olm::Dispatcher& node() {
   static Olm::Dispatcher* dispatcher = [] {
-    std::string nid = std::to_string(OlmTest::nextTestNid());
-    std::string argv0 = "TimerLateness_benchmark", nidOption = "--nid", waitOption = "--wait", zero = "0";
-    char* argv[] = {argv0.data(), nidOption.data(), nid.data(), waitOption.data(), zero.data(), nullptr};
-    auto* d = static_cast<Olm::Dispatcher*>(Olm::IAaSysDispatcher::IAaSysDispatcherCreate(5, argv));
+    Olm::Dispatcher* d = &bench::startNode("TimerLateness_benchmark");
     d->AaSysDispatcherCpidBind(tickEu, kTimerCpid);
     return d;
   }();

@@ -23,7 +23,7 @@ class FakeMsgPort : public Olm::IMsgPort, public BufferPool {
   void deliver(void* msg) { m_incoming.push_back(msg); }
 
   // Messages handed to sendMsg, still owned by the fake until its destructor.
-  std::vector<void*>& sent() { return m_sent; }
+  const std::vector<void*>& sent() const { return m_sent; }
   const std::vector<std::pair<unsigned, unsigned>>& waits() const { return m_waits; }
 
  private:

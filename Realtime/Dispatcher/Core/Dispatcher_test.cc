@@ -6,14 +6,17 @@
 #include <string>
 #include <vector>
 
-#include "ServiceTestFixture.h"
+#include "AaSysComMsgHeader.h"
+#include "CapturingLog.h"
+#include "FakeMsgPort.h"
+#include "FakeTimeSource.h"
 
 namespace {
 
 using Olm::Dispatcher;
 using Olm::LteTime;
 
-using OlmTest::kOwnNid;
+constexpr uint16_t kOwnNid = 0x1234;
 constexpr uint16_t kOtherNid = 0x1235;
 
 uint32_t sicad(uint16_t nid, uint16_t cpid) { return (static_cast<uint32_t>(nid) << 16) | cpid; }
@@ -47,16 +50,31 @@ class RecordingEu : public Olm::IAaSysDispatcherSicHandler {
   std::vector<int>* m_journal;
 };
 
-class DispatcherTest : public OlmTest::ServiceTest {
+// A Dispatcher over fakes; like the node's own, it is the process's runtime.
+class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ServiceTest::SetUp();
+    dispatcher = new Dispatcher();
+    dispatcher->setItsIMsgPort(&port);
+    dispatcher->setItsITimeSource(&time);
+    dispatcher->setItsILog(&log);
+    dispatcher->setOwnNid(kOwnNid);
     dispatcher->setWait(0);
+  }
+  void TearDown() override {
+    delete dispatcher;
+    Dispatcher::setTheDispatcher(nullptr);
+    EXPECT_EQ(port.doubleFrees(), 0u);
   }
 
   void* localMessage(uint16_t id, uint16_t cpid) {
     return port.makeMessage(id, sicad(kOwnNid, cpid), sicad(kOwnNid, 1));
   }
+
+  OlmTest::FakeMsgPort port;
+  OlmTest::FakeTimeSource time;
+  OlmTest::CapturingLog log;
+  Dispatcher* dispatcher = nullptr;
 };
 
 // Binding

@@ -5,23 +5,23 @@
 #include <cstring>
 #include <string>
 
-#include "ServiceTestFixture.h"
+#include "FakeRuntime.h"
 
 namespace {
 
 constexpr uint32_t kTagSwitch = 0x1001A;
 const char* const kName = "olm.test.tag";
 
-// Tags start from a cleared early table in every test; the Dispatcher catches the log lines.
-class AaConfigTagTest : public OlmTest::ServiceTest {
+// Tags start from a cleared early table in every test; the runtime catches the log lines.
+class AaConfigTagTest : public OlmTest::FakeRuntimeTest {
  protected:
   void SetUp() override {
-    ServiceTest::SetUp();
+    FakeRuntimeTest::SetUp();
     AaConfigEarlyStartup();
   }
   void TearDown() override {
     AaConfigRadSetValue(kTagSwitch, 0);
-    ServiceTest::TearDown();
+    FakeRuntimeTest::TearDown();
   }
 
   static unsigned entriesNamed(const char* name) {

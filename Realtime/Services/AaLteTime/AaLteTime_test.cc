@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "FakeRuntime.h"
 #include "LteTime.h"
-#include "ServiceTestFixture.h"
 
 namespace {
 
@@ -16,12 +16,12 @@ using Olm::LteTime;
 constexpr TAaLteTimerId kUntouchedId = 0xDEADBEEF;
 constexpr u32 kGarbage = 0xFFFFFFFF;
 
-// BTUs of an instant; on a queue that never counted down, an entry's remaining time is its expiry.
+// BTUs of an instant.
 uint64_t samples(uint16_t hyperFrame, uint16_t frame, uint8_t slot, uint16_t basicTU) {
   return LteTime(hyperFrame, frame, slot, basicTU).getSamples();
 }
 
-class AaLteTimeTest : public OlmTest::ServiceTest {
+class AaLteTimeTest : public OlmTest::FakeRuntimeTest {
  protected:
   EAaLteTimeRetVal createAt(TAaLteBtsHyperFrameNr hyperFrame, TAaLteBtsFrameNr frame, TAaLteBtsSlotNr slot,
                             TAaLteBtsBasicTUNr basicTU, u32 periodFrames = 0, u32 periodSlots = 0,
@@ -35,8 +35,8 @@ class AaLteTimeTest : public OlmTest::ServiceTest {
   void expectRefused(EAaLteTimeRetVal result, const char* text) {
     EXPECT_EQ(result, EAaLteTimeRetVal_InvalidParameter);
     EXPECT_EQ(log.count(text), 1u);
-    EXPECT_EQ(timerEntry(0).msg, nullptr);
-    port.freeMsg(message);
+    EXPECT_TRUE(runtime.timers().empty());
+    runtime.deleteMessage(message);
   }
 
   TAaLteTimerId id = kUntouchedId;
@@ -46,7 +46,7 @@ class AaLteTimeTest : public OlmTest::ServiceTest {
 // Reading the time
 
 TEST_F(AaLteTimeTest, TimeGetSplitsTheCurrentTimeAndHalvesTheSlotForTheSubframe) {
-  time.setNow(LteTime(5, 100, 19, 7));
+  runtime.time.setNow(LteTime(5, 100, 19, 7));
   TAaLteBtsHyperFrameNr hyperFrame = 0;
   TAaLteBtsFrameNr frame = 0;
   TAaLteBtsSubFrameNr subFrame = 0;
@@ -58,7 +58,7 @@ TEST_F(AaLteTimeTest, TimeGetSplitsTheCurrentTimeAndHalvesTheSlotForTheSubframe)
   EXPECT_EQ(AaLteTimeGet(nullptr, nullptr, nullptr, nullptr, nullptr), EAaLteTimeRetVal_Ok);
 
   // An unreadable clock: its status comes back and nothing is written.
-  time.setNow(LteTime::unreadable(EAaLteTimeRetVal_ClockUnreadable));
+  runtime.time.setNow(LteTime::unreadable(EAaLteTimeRetVal_ClockUnreadable));
   EXPECT_EQ(AaLteTimeGet(nullptr, &frame, nullptr, nullptr, nullptr), EAaLteTimeRetVal_ClockUnreadable);
   EXPECT_EQ(frame, 100u);
 }
@@ -90,11 +90,11 @@ TEST_F(AaLteTimeTest, SyncCreateRefusesEveryValueOutOfRange) {
 // The period's frame count keeps only its low 16 bits.
 TEST_F(AaLteTimeTest, SyncCreateAcceptsThePeriodLimitsAndTruncatesThePeriodFrames) {
   ASSERT_EQ(createAt(1023, 1023, 19, 15359, 0x100000, 20, 15360), EAaLteTimeRetVal_Ok);
-  EXPECT_EQ(timerEntry(0).period, samples(0, 0, 20, 15360));
+  EXPECT_EQ(runtime.timers()[0].period.getSamples(), samples(0, 0, 20, 15360));
   ASSERT_EQ(createAt(0, 0, 0, 0, 65536, 2, 5), EAaLteTimeRetVal_Ok);
-  EXPECT_EQ(timerEntry(1).period, 2 * LteTime::BasicTimeUnitsPerSlot + 5);
+  EXPECT_EQ(runtime.timers()[1].period.getSamples(), 2 * LteTime::BasicTimeUnitsPerSlot + 5);
   ASSERT_EQ(createAt(0, 0, 0, 0, 65537, 0, 0), EAaLteTimeRetVal_Ok);
-  EXPECT_EQ(timerEntry(2).period, LteTime::BasicTimeUnitsPerFrame);
+  EXPECT_EQ(runtime.timers()[2].period.getSamples(), LteTime::BasicTimeUnitsPerFrame);
 }
 
 TEST_F(AaLteTimeTest, SyncCreateRefusesNullPointersAfterTheRanges) {
@@ -108,15 +108,15 @@ TEST_F(AaLteTimeTest, SyncCreateRefusesNullPointersAfterTheRanges) {
   EXPECT_EQ(AaLteTimermSyncCreate(nullptr, 1024, 0, 0, 0, 0, 0, 0, nullptr), EAaLteTimeRetVal_InvalidParameter);
   EXPECT_EQ(log.count(nullText), 2u);
   EXPECT_EQ(log.count("invalid parameters detected."), 1u);
-  port.freeMsg(message);
+  runtime.deleteMessage(message);
 }
 
 TEST_F(AaLteTimeTest, SyncCreateWithAnUnreadableClockClearsTheIdAndKeepsTheMessageWithTheCaller) {
-  time.setNow(LteTime::unreadable(EAaLteTimeRetVal_ClockUnreadable));
+  runtime.time.setNow(LteTime::unreadable(EAaLteTimeRetVal_ClockUnreadable));
   EXPECT_EQ(createAt(0, 0, 0, 0), EAaLteTimeRetVal_ClockUnreadable);
   EXPECT_EQ(id, 0u);
-  EXPECT_EQ(timerEntry(0).msg, nullptr);
-  port.freeMsg(message);
+  EXPECT_TRUE(runtime.timers().empty());
+  runtime.deleteMessage(message);
 }
 
 // Hyper frame 0xFFFF: the next occurrence of (frame, slot, BTU). An instant equal to now is past.
@@ -132,9 +132,9 @@ TEST_F(AaLteTimeTest, NextOccurrenceChoosesTheCurrentOrTheFollowingHyperFrame) {
   };
   unsigned entry = 0;
   for (const Case& c : cases) {
-    time.setNow(c.now);
+    runtime.time.setNow(c.now);
     ASSERT_EQ(createAt(0xFFFF, 10, 3, 100), EAaLteTimeRetVal_Ok);
-    EXPECT_EQ(timerEntry(entry++).remaining, samples(c.expectedHyperFrame, 10, 3, 100))
+    EXPECT_EQ(runtime.timers().at(entry++).expiry.getSamples(), samples(c.expectedHyperFrame, 10, 3, 100))
         << "expected hyper frame " << c.expectedHyperFrame;
   }
 }
@@ -151,7 +151,7 @@ TEST_F(AaLteTimeTest, CallbackSyncArmsNothingAndBadTimerCreateArgumentsAreRefuse
   EXPECT_EQ(AaLteTimerCreate(&id, 0, 0, 0, 0, 4, &params), EAaLteTimeRetVal_InvalidParameter);
   EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(id, kUntouchedId);
-  EXPECT_EQ(timerEntry(0).msg, nullptr);
+  EXPECT_TRUE(runtime.timers().empty());
 }
 
 TEST_F(AaLteTimeTest, TimerCreateForwardsOnlyTheMessageSyncWords) {
@@ -159,10 +159,11 @@ TEST_F(AaLteTimeTest, TimerCreateForwardsOnlyTheMessageSyncWords) {
   const SAaLteTimerParams params = {1, 2, 3, kGarbage, kGarbage, reinterpret_cast<uintptr_t>(message),
                                     kGarbage, kGarbage, kGarbage};
   ASSERT_EQ(AaLteTimerCreate(&id, 4, 5, 6, 7, EAaLteTimerType_MessageSync, &params), EAaLteTimeRetVal_Ok);
-  EXPECT_EQ(id, timerEntry(0).id);
-  EXPECT_EQ(timerEntry(0).msg, message);
-  EXPECT_EQ(timerEntry(0).remaining, samples(4, 5, 6, 7));
-  EXPECT_EQ(timerEntry(0).period, samples(0, 1, 2, 3));
+  const OlmTest::FakeRuntime::Timer& timer = runtime.timers().at(0);
+  EXPECT_EQ(id, timer.id);
+  EXPECT_EQ(timer.msg, message);
+  EXPECT_EQ(timer.expiry.getSamples(), samples(4, 5, 6, 7));
+  EXPECT_EQ(timer.period.getSamples(), samples(0, 1, 2, 3));
 }
 
 using AaLteTimeDeathTest = AaLteTimeTest;
@@ -205,18 +206,18 @@ TEST_F(AaLteTimeTest, DeleteDestroysTheMessageAndmDeleteHandsItBack) {
   ASSERT_EQ(createAt(1, 0, 0, 0), EAaLteTimeRetVal_Ok);
   EXPECT_EQ(AaLteTimermDelete(id), message);
   EXPECT_EQ(AaLteTimermDelete(id), nullptr);
-  port.freeMsg(message);
+  runtime.deleteMessage(message);
 
   ASSERT_EQ(createAt(1, 0, 0, 0), EAaLteTimeRetVal_Ok);
   EXPECT_EQ(AaLteTimerDelete(id), EAaLteTimeRetVal_Ok);
-  EXPECT_EQ(timerEntry(0).msg, nullptr);
-  EXPECT_EQ(port.liveBuffers(), 0u);
+  EXPECT_FALSE(runtime.timers().at(1).armed);
+  EXPECT_EQ(runtime.liveBuffers(), 0u);
   EXPECT_EQ(AaLteTimerDelete(id), EAaLteTimeRetVal_Ok);
 }
 
 // Without a Dispatcher nothing can be read, armed or cancelled, and nothing aborts.
 TEST(AaLteTimeWithoutDispatcher, EveryFunctionFailsSoftly) {
-  ASSERT_EQ(Olm::Dispatcher::getTheDispatcher(), nullptr);
+  ASSERT_EQ(Olm::IRuntime::getTheRuntime(), nullptr);
   TAaLteBtsFrameNr frame = 77;
   EXPECT_EQ(AaLteTimeGet(nullptr, &frame, nullptr, nullptr, nullptr), EAaLteTimeRetVal_NoDispatcher);
   EXPECT_EQ(frame, 77u);

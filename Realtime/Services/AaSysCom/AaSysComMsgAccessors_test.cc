@@ -138,6 +138,7 @@ TEST_F(AccessorTest, NullMessageIsToleratedEverywhere) {
 }
 
 TEST(AccessorWithoutDispatcherTest, OwnNidIsZeroAndTheMaximumPayloadStands) {
+  ASSERT_EQ(Olm::IRuntime::getTheRuntime(), nullptr);
   EXPECT_EQ(AaSysComGetOwnNid(), 0u);
   EXPECT_EQ(AaSysComMsgGetMaxPayload(), 65466u);
 }

@@ -22,9 +22,9 @@ TEST_F(LifecycleTest, CreateAcceptsPayloadsUpToTheSixteenBitTotalLength) {
 
   EXPECT_EQ(AaSysComMsgCreate(1, 65520, kOtherSicad), nullptr);
   EXPECT_EQ(log.count("AaSysComMsgCreate(): messagePayloadSize too high"), 1u);
-  port.failAllocations(true);
+  runtime.failAllocations(true);
   EXPECT_EQ(AaSysComMsgCreate(1, 4, kOtherSicad), nullptr);
-  port.failAllocations(false);
+  runtime.failAllocations(false);
 }
 
 TEST_F(LifecycleTest, ReplyGoesBackFromTheAddressedPoint) {
@@ -78,7 +78,7 @@ TEST_F(LifecycleTest, ResizeKeepsTheHeaderAndAsMuchPayloadAsFits) {
   AaSysComMsgSetPayloadSize(&msg, 100);
   EXPECT_EQ(AaSysComMsgGetPayloadSize(msg), 100u);
   EXPECT_EQ(static_cast<unsigned char*>(AaSysComMsgGetPayload(msg))[39], 39);
-  EXPECT_EQ(liveMessages(), 1u) << "the old buffers are freed";
+  EXPECT_EQ(runtime.leakedBuffers(), 1u) << "the old buffers are freed";
   AaSysComMsgDestroy(&msg);
 }
 
@@ -87,9 +87,9 @@ TEST_F(LifecycleTest, RefusedResizeLeavesTheMessageWithTheCaller) {
   void* const original = msg;
   AaSysComMsgSetPayloadSize(&msg, 65520);
   EXPECT_EQ(msg, original);
-  port.failAllocations(true);
+  runtime.failAllocations(true);
   AaSysComMsgSetPayloadSize(&msg, 20);
-  port.failAllocations(false);
+  runtime.failAllocations(false);
   EXPECT_EQ(msg, original);
   EXPECT_EQ(AaSysComMsgGetPayloadSize(msg), 10u);
   EXPECT_EQ(log.count("AaSysComMsgSetPayloadSize(): messagePayloadSize too high"), 1u);
@@ -102,7 +102,8 @@ TEST_F(LifecycleTest, RefusedResizeLeavesTheMessageWithTheCaller) {
   EXPECT_EQ(msg, nullptr);
 }
 
-TEST_F(LifecycleTest, SendHandsTheMessageToThePortAndClearsTheHandle) {
+// The message is the runtime's once handed over, also when the runtime refuses it.
+TEST_F(LifecycleTest, SendHandsTheMessageToTheRuntimeClearsTheHandleAndPassesOnTheResult) {
   void* msg = AaSysComMsgCreate(1, 4, kOtherSicad);
   void* const buffer = msg;
   EXPECT_EQ(AaSysComMsgSendS(&msg, kOwnSicad), 1);
@@ -110,6 +111,12 @@ TEST_F(LifecycleTest, SendHandsTheMessageToThePortAndClearsTheHandle) {
   ASSERT_EQ(sentMessages().size(), 1u);
   EXPECT_EQ(sentMessages()[0], buffer);
   EXPECT_EQ(AaSysComMsgGetSender(buffer), kOwnSicad);
+
+  runtime.setSendResult(false);
+  msg = AaSysComMsgCreate(1, 4, kOtherSicad);
+  EXPECT_EQ(AaSysComMsgSendS(&msg, kOwnSicad), 0);
+  EXPECT_EQ(msg, nullptr);
+  EXPECT_EQ(sentMessages().size(), 2u);
 }
 
 TEST_F(LifecycleTest, MessageWithoutSenderIsDestroyedByEverySendFunction) {
@@ -121,7 +128,7 @@ TEST_F(LifecycleTest, MessageWithoutSenderIsDestroyedByEverySendFunction) {
   AaSysComMsgSendViaLink(&msgs[3], 1);
   for (void* msg : msgs) EXPECT_EQ(msg, nullptr);
   EXPECT_TRUE(sentMessages().empty());
-  EXPECT_EQ(liveMessages(), 0u);
+  EXPECT_EQ(runtime.leakedBuffers(), 0u);
   EXPECT_EQ(log.count("AaSysComMsgSendS(): Message sender not set."), 1u);
 
   void* none = nullptr;
@@ -130,28 +137,21 @@ TEST_F(LifecycleTest, MessageWithoutSenderIsDestroyedByEverySendFunction) {
   EXPECT_EQ(log.count("AaSysComMsgSendS(): Tried to send NULL msg."), 1u);
 }
 
-TEST_F(LifecycleTest, ThisNodePlaceholderIsDeliveredLocally) {
-  HeaderRecordingEu eu;
-  dispatcher->AaSysDispatcherCpidBind(eu, kEuCpid);
-  void* msg = AaSysComMsgCreate(1, 4, 0x0F010123);
-  AaSysComMsgSendS(&msg, kOtherSicad);
-  dispatcher->dispatch();
-  ASSERT_EQ(eu.received.size(), 1u);
-  EXPECT_EQ(eu.received[0].receiver, 0x12340123u);
-  EXPECT_TRUE(sentMessages().empty());
-}
-
-TEST_F(LifecycleTest, MasterPlaceholderIsNode3DOfTheGroupOrTheTaggedNode) {
+// 0x0F01 becomes the own node; 0x0FF0 node 3D of the own group, or the node the master tag names.
+TEST_F(LifecycleTest, PlaceholderReceiversAreResolvedBeforeTheMessageLeaves) {
   AaConfig_TagDatabaseEarlyStartup();
-  void* msg = AaSysComMsgCreate(1, 4, 0x0FF00007);
-  AaSysComMsgSendS(&msg, kOwnSicad);
-  EXPECT_EQ(AaSysComMsgGetReceiver(sentMessages().at(0)), 0x123D0007u);
+  for (TAaSysComSicad receiver : {0x0F010123u, 0x0FF00007u}) {
+    void* msg = AaSysComMsgCreate(1, 4, receiver);
+    AaSysComMsgSendS(&msg, kOtherSicad);
+  }
+  EXPECT_EQ(AaSysComMsgGetReceiver(sentMessages().at(0)), 0x12340123u);
+  EXPECT_EQ(AaSysComMsgGetReceiver(sentMessages().at(1)), 0x123D0007u);
 
   ASSERT_EQ(AaConfigTagSetU16(kMasterNidTag, 0x1011), 0u);
-  msg = AaSysComMsgCreate(1, 4, 0x0FF00007);
+  void* msg = AaSysComMsgCreate(1, 4, 0x0FF00007);
   AaSysComMsgSendS(&msg, kOwnSicad);
   AaConfig_TagDatabaseEarlyStartup();  // forgets the tag again
-  EXPECT_EQ(AaSysComMsgGetReceiver(sentMessages().at(1)), 0x10110007u);
+  EXPECT_EQ(AaSysComMsgGetReceiver(sentMessages().at(2)), 0x10110007u);
 }
 
 TEST_F(LifecycleTest, ForwardMakesTheOldReceiverTheSenderAndRelayKeepsTheSender) {
@@ -171,6 +171,7 @@ TEST_F(LifecycleTest, ForwardMakesTheOldReceiverTheSenderAndRelayKeepsTheSender)
 }
 
 TEST(LifecycleWithoutDispatcherTest, NothingIsCreatedAndHandedOverMessagesAreDropped) {
+  ASSERT_EQ(Olm::IRuntime::getTheRuntime(), nullptr);
   EXPECT_EQ(AaSysComMsgCreate(1, 4, kOtherSicad), nullptr);
   alignas(4) unsigned char buffer[24] = {};
   Olm::msgHeader(buffer)->totalLength = sizeof(buffer);

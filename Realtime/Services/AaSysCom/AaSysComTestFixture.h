@@ -1,4 +1,4 @@
-// A Dispatcher over a fake message port for the message service's unit tests.
+// The message service's unit tests, against the fake runtime.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "AaSysCom.h"
-#include "ServiceTestFixture.h"
+#include "AaSysComMsgHeader.h"
+#include "FakeRuntime.h"
 
 namespace OlmTest {
 
@@ -18,29 +19,12 @@ constexpr uint32_t kTrailerFirstWord = 0x11223344;
 constexpr uint32_t kTrailerUninterpretedBytes = 0xABCDEF00;  // the 3 bytes after the TTL byte
 constexpr TAaSysComMsgId kSysLogMsgId = 0x0976;
 
-// An EU that keeps a copy of the header of every message it processes.
-class HeaderRecordingEu : public Olm::IAaSysDispatcherSicHandler {
- public:
-  int PrioritizeMessage(void*&) override { return 3; }
-  void ProcessMessage(void*& msg) override { received.push_back(*Olm::msgHeader(msg)); }
-  std::vector<SAaSysComMsgHeader> received;
-};
-
-class SysComTest : public ServiceTest {
+class SysComTest : public FakeRuntimeTest {
  protected:
-  void TearDown() override {
-    const size_t leaked = liveMessages();
-    ServiceTest::TearDown();
-    EXPECT_EQ(leaked, 0u) << "a message was leaked";
-  }
-
-  // Buffers neither freed nor handed to the port.
-  size_t liveMessages() { return port.liveBuffers() - port.sent().size(); }
-
-  // What was handed to the port, without the system log's own messages.
+  // What was sent, without the system log's own messages.
   std::vector<void*> sentMessages() {
     std::vector<void*> messages;
-    for (void* msg : port.sent()) {
+    for (void* msg : runtime.sent()) {
       if (AaSysComMsgGetId(msg) != kSysLogMsgId) messages.push_back(msg);
     }
     return messages;

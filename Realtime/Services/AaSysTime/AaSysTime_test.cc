@@ -7,21 +7,21 @@
 #include <ctime>
 #include <vector>
 
+#include "AaSysComMsgHeader.h"
 #include "AaSysTimeCalendar.h"
+#include "FakeRuntime.h"
 #include "LteTime.h"
-#include "ServiceTestFixture.h"
 
 namespace {
 
 using Olm::LteTime;
 
-class AaSysTimeTest : public OlmTest::ServiceTest {
+class AaSysTimeTest : public OlmTest::FakeRuntimeTest {
  protected:
   TAaSysTimerId id = 0;
   void* message = nullptr;
 };
 
-// The fresh timer queue holds each start as the entry's remaining time.
 TEST_F(AaSysTimeTest, DelaysAndPeriodsBecomeTruncatedBasicTimeUnitsFromNow) {
   struct Case {
     uint64_t now;
@@ -36,38 +36,39 @@ TEST_F(AaSysTimeTest, DelaysAndPeriodsBecomeTruncatedBasicTimeUnitsFromNow) {
   };
   unsigned entry = 0;
   for (const Case& c : cases) {
-    time.setSamples(c.now);
+    runtime.time.setSamples(c.now);
     message = newMessage();
     ASSERT_EQ(AaSysTimermCreate(&id, c.microseconds, c.microseconds, message), EAaSysTimeRetVal_Ok);
-    EXPECT_EQ(timerEntry(entry).id, id);
-    EXPECT_EQ(timerEntry(entry).msg, message);
-    EXPECT_EQ(timerEntry(entry).remaining, c.expectedStart);
-    EXPECT_EQ(timerEntry(entry++).period, c.expectedPeriod);
+    const OlmTest::FakeRuntime::Timer& timer = runtime.timers().at(entry++);
+    EXPECT_EQ(timer.id, id);
+    EXPECT_EQ(timer.msg, message);
+    EXPECT_EQ(timer.expiry.getSamples(), c.expectedStart);
+    EXPECT_EQ(timer.period.getSamples(), c.expectedPeriod);
   }
   // Cancelling goes through the LTE timers: mDelete hands the message back, Delete destroys it.
   EXPECT_EQ(AaSysTimermDelete(id), message);
-  port.freeMsg(message);
-  EXPECT_EQ(AaSysTimerDelete(timerEntry(0).id), EAaSysTimeRetVal_Ok);
-  EXPECT_EQ(timerEntry(0).msg, nullptr);
+  runtime.deleteMessage(message);
+  EXPECT_EQ(AaSysTimerDelete(runtime.timers()[0].id), EAaSysTimeRetVal_Ok);
+  EXPECT_FALSE(runtime.timers()[0].armed);
 }
 
 // Logged without feature id: the line is sent, not copied into the Dispatcher's log.
 TEST_F(AaSysTimeTest, NullPointersAreRefusedWithALogLine) {
   EXPECT_EQ(AaSysTimermCreate(&id, 1, 1, nullptr), EAaSysTimeRetVal_InvalidParameter);
-  ASSERT_EQ(port.sent().size(), 1u);
-  const char* text = static_cast<const char*>(port.sent()[0]) + AASYSCOM_HEADER_SIZE;
+  ASSERT_EQ(runtime.sent().size(), 1u);
+  const char* text = static_cast<const char*>(runtime.sent()[0]) + AASYSCOM_HEADER_SIZE;
   EXPECT_NE(std::strstr(text, "ERR/AaSysTimermCreate(): Invalid parameter (messagePtr or timerIdPtr is NULL)!\n"),
             nullptr);
   EXPECT_TRUE(log.lines().empty());
 
   message = newMessage();
   EXPECT_EQ(AaSysTimermCreate(nullptr, 1, 1, message), EAaSysTimeRetVal_InvalidParameter);
-  EXPECT_EQ(timerEntry(0).msg, nullptr);
-  port.freeMsg(message);
+  EXPECT_TRUE(runtime.timers().empty());
+  runtime.deleteMessage(message);
 }
 
 TEST(AaSysTimeWithoutDispatcher, DeleteFailsSoftlyButCreateAborts) {
-  ASSERT_EQ(Olm::Dispatcher::getTheDispatcher(), nullptr);
+  ASSERT_EQ(Olm::IRuntime::getTheRuntime(), nullptr);
   EXPECT_EQ(AaSysTimerDelete(256), EAaSysTimeRetVal_Error);
   EXPECT_EQ(AaSysTimermDelete(256), nullptr);
   TAaSysTimerId id = 0;

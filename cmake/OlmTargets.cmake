@@ -53,7 +53,8 @@ endfunction()
 #   Every *.cc of the current directory but *_test.cc and *_benchmark.cc. The directory's headers
 #   are visible to the layers above unless PRIVATE_DIRECTORY (a service: its public headers are in
 #   Realtime/Include, the rest is its own). The directory's *_test.cc files become one test
-#   executable named after the directory, linked with the internal runtime library.
+#   executable named after the directory, linked with the internal runtime library; they see what
+#   the layer sees and the test fakes.
 function(olm_runtime_layer target)
   cmake_parse_arguments(ARG "PRIVATE_DIRECTORY" "" "DEPENDS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
@@ -75,7 +76,7 @@ function(olm_runtime_layer target)
   set_property(GLOBAL APPEND PROPERTY OLM_RUNTIME_LAYERS ${target})
   if(tests)
     get_filename_component(dir_name ${CMAKE_CURRENT_SOURCE_DIR} NAME)
-    olm_add_test(${dir_name}_tests SOURCES ${tests} LIBRARIES OlmLiteRtInternal olm_test_support)
+    olm_add_test(${dir_name}_tests SOURCES ${tests} LIBRARIES OlmLiteRtInternalCode olm_test_support)
     target_include_directories(${dir_name}_tests PRIVATE $<TARGET_PROPERTY:${target},INCLUDE_DIRECTORIES>)
   endif()
 endfunction()

@@ -15,10 +15,12 @@ declared_words=$(grep -oE '[A-Za-z_][A-Za-z0-9_]*' <<<"$public_code" | sort -u)
 mentions() { grep -qxF "$1" <<<"$declared_words"; }
 
 # The name an exported symbol is declared under: a C symbol's own name, a C++ function's last name
-# component, or the class of a typeinfo or vtable.
+# component, or the class of a typeinfo or vtable. The address sanitizer exports an ODR indicator,
+# __odr_asan.<name>, beside every exported global; it is declared with its global.
 declared_name() {
   local symbol=$1
   case "$symbol" in
+    "__odr_asan."*) symbol=${symbol#__odr_asan.} ;;
     "typeinfo name for "*) symbol=${symbol#typeinfo name for } ;;
     "typeinfo for "*) symbol=${symbol#typeinfo for } ;;
     "vtable for "*) symbol=${symbol#vtable for } ;;

@@ -76,7 +76,7 @@ EventMachine::EventMachine(const MachineSettings& settings)
 // kernel's default (50 us) would make every timed wait of the node's loop that much late.
 int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
   if (handle == nullptr || nid > kMaxNid) return -EINVAL;
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   if (ownMailbox_ != nullptr) return -EALREADY;
   const int rc = Mailbox::create(static_cast<uint16_t>(nid), settings_.laneBytes, &ownMailbox_);
   if (rc != 0) return rc;
@@ -95,7 +95,7 @@ int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
 // (pairing with the release store here) and read only entries published before it.
 int EventMachine::addTestRoute(uint32_t kind, uint32_t from, uint32_t to) {
   if (kind != kLoopbackRouteKind || from > to || to > kMaxNid) return -EINVAL;
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   const uint32_t count = routeCount_.load(std::memory_order_relaxed);
   if (count == kMaxRoutes) return -ENOSPC;
   routes_[count] = LoopbackRoute{from, to};
@@ -104,12 +104,12 @@ int EventMachine::addTestRoute(uint32_t kind, uint32_t from, uint32_t to) {
 }
 
 void* EventMachine::alloc(uint32_t size) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   return pool_.allocate(size);
 }
 
 uint32_t EventMachine::allocDirect(uint32_t size) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   void* data = pool_.allocate(size);
   if (data == nullptr) return 0;
   const uint32_t handle = events_.bind(data);
@@ -125,7 +125,7 @@ void EventMachine::free(void* buffer) {
   if (buffer == nullptr) return;
   ReleaseResult result;
   {
-    std::lock_guard<std::mutex> guard(mutex_);
+    ProcessLockGuard guard(lock_);
     uint32_t boundEvent = 0;
     result = pool_.release(buffer, &boundEvent);
     if (boundEvent != 0) events_.unbind(boundEvent);
@@ -138,12 +138,12 @@ void EventMachine::free(void* buffer) {
 void* EventMachine::receive(uint32_t nid) {
   Mailbox* own = own_.load(std::memory_order_acquire);
   if (own == nullptr || nid != ownNid_.load(std::memory_order_relaxed) || !own->mayHaveRecords()) return nullptr;
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   return own->pop(pool_);
 }
 
 int EventMachine::send(void* message, uint32_t receiver) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   return sendLocked(message, receiver);
 }
 
@@ -156,14 +156,14 @@ int EventMachine::sendLocked(void* message, uint32_t receiver) {
 }
 
 int EventMachine::sendLocalUnreliable(void* message) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   BufferInfo info{};
   if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
   return sendLocked(message, sysComReceiver(message));
 }
 
 int EventMachine::sendDirect(uint32_t event, uint32_t receiver) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   void* data = events_.lookup(event);
   BufferInfo info{};
   if (data == nullptr || !pool_.inspect(data, &info)) return -EINVAL;
@@ -182,13 +182,13 @@ int EventMachine::waitForEvent(uint32_t seconds, uint32_t nanoseconds) {
     return kTimedOut;
   }
   if (own->waitForRecord(seconds, nanoseconds, settings_.spinNs)) return 0;
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   own->collectAllLanes();
   return own->mayHaveRecords() ? 0 : kTimedOut;
 }
 
 void* EventMachine::eventPointer(uint32_t event) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   return events_.lookup(event);
 }
 
@@ -201,7 +201,7 @@ void EventMachine::timingPageInUse() {
 }
 
 PoolStatistics EventMachine::poolStatistics() {
-  std::lock_guard<std::mutex> guard(mutex_);
+  ProcessLockGuard guard(lock_);
   return pool_.statistics();
 }
 
@@ -239,9 +239,9 @@ bool EventMachine::isLocal(uint16_t nid) const {
   return false;
 }
 
-void EventMachine::prepareFork() { mutex_.lock(); }
+void EventMachine::prepareFork() { lock_.lock(); }
 
-void EventMachine::afterForkInParent() { mutex_.unlock(); }
+void EventMachine::afterForkInParent() { lock_.unlock(); }
 
 void EventMachine::afterForkInChild() {
   own_.store(nullptr, std::memory_order_relaxed);
@@ -251,7 +251,7 @@ void EventMachine::afterForkInChild() {
   if (ownMailbox_ != nullptr) ownMailbox_->disownAfterFork();
   ownMailbox_.reset();
   directory_.clear();
-  mutex_.unlock();
+  lock_.resetInChild();
   forgetTimingUpdaterAfterFork();
 }
 

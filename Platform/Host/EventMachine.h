@@ -2,7 +2,7 @@
 // is a node's server, the mailboxes of the nodes it sends to, and its loop-back test routes.
 // RhyddalApi.cc puts the C interface of libRHYDDAL.so on top of one instance per process.
 //
-// One process-local mutex serialises the pool, the handles, the directory and the consumer side
+// One process-local lock (ProcessLock.h) serialises the pool, the handles, the directory and the consumer side
 // of the own mailbox: each C call takes it once at most, and never while it waits. Threads of one
 // process therefore serialise among themselves; nothing they do can hold up another process. The
 // runtime's empty poll (vakem_receive with nothing waiting) takes no lock.
@@ -11,10 +11,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "MailboxDirectory.h"
 #include "MessagePool.h"
+#include "ProcessLock.h"
 #include "RawEvents.h"
 
 namespace rhyddal {
@@ -78,7 +78,7 @@ class EventMachine {
   bool isLocal(uint16_t nid) const;
 
   const MachineSettings settings_;
-  std::mutex mutex_;
+  ProcessLock lock_;
   MessagePool pool_;
   RawEvents events_;
   MailboxDirectory directory_;

@@ -5,9 +5,11 @@
 namespace rhyddal {
 
 Mailbox* MailboxDirectory::find(uint16_t nid, int* error) {
+  if (last_ != nullptr && last_->nid() == nid && last_->ownerAlive()) return last_;
+  last_ = nullptr;
   const auto cached = cache_.find(nid);
   if (cached != cache_.end()) {
-    if (cached->second->ownerAlive()) return cached->second.get();
+    if (cached->second->ownerAlive()) return last_ = cached->second.get();
     cache_.erase(cached);
   }
   std::shared_ptr<Mailbox> mailbox;
@@ -18,7 +20,7 @@ Mailbox* MailboxDirectory::find(uint16_t nid, int* error) {
     return nullptr;
   }
   cache_[nid] = mailbox;
-  return mailbox.get();
+  return last_ = mailbox.get();
 }
 
 }  // namespace rhyddal

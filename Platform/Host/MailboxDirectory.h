@@ -22,10 +22,15 @@ class MailboxDirectory {
   Mailbox* find(uint16_t nid, int* error);
 
   // In a forked child: the lanes belong to the parent.
-  void clear() { cache_.clear(); }
+  void clear() {
+    cache_.clear();
+    last_ = nullptr;
+  }
 
  private:
   std::unordered_map<uint16_t, std::shared_ptr<Mailbox>> cache_;
+  Mailbox* last_ = nullptr;  // the last one found: a node mostly sends to the same peer again
+
 };
 
 }  // namespace rhyddal

@@ -41,7 +41,7 @@
 namespace rhyddal {
 
 constexpr uint32_t kMailboxMagic = 0x4D594852;  // "RHYM"
-constexpr uint32_t kMailboxLayoutVersion = 2;
+constexpr uint32_t kMailboxLayoutVersion = 3;
 constexpr uint32_t kLaneCount = 64;
 constexpr uint32_t kRecordAlignment = 8;
 constexpr uint32_t kWrapMarker = 0xFFFFFFFFu;
@@ -91,15 +91,15 @@ struct alignas(64) MailboxHeader {
 
   alignas(64) LockSlot ownerLock;
 
-  // Bit i: lane i may have records the consumer has not collected yet.
+  // The line every send and every poll touches, kept to one line on purpose. pending: bit i says
+  // lane i may have records the consumer has not collected yet. wakeSequence is the futex word
+  // (shared, not private: the waiter and the wakers are different processes); waiterAsleep tells
+  // producers whether a wake-up call is needed.
   alignas(64) std::atomic<uint64_t> pending;
-  uint32_t reserved2[14];
-
-  // Wake-up line: wakeSequence is the futex word (shared, not private: the waiter and the wakers
-  // are different processes); waiterAsleep tells producers whether a wake-up call is needed.
-  alignas(64) std::atomic<uint32_t> wakeSequence;
+  std::atomic<uint32_t> wakeSequence;
   std::atomic<uint32_t> waiterAsleep;
-  uint32_t reserved3[14];
+  uint32_t reserved2[12];
+  uint32_t reserved3[16];
 
   LaneControl lanes[kLaneCount];
 };
@@ -123,8 +123,8 @@ static_assert(offsetof(MailboxHeader, ownerTid) == 28, "mailbox layout");
 static_assert(offsetof(MailboxHeader, timingPageInUse) == 32, "mailbox layout");
 static_assert(offsetof(MailboxHeader, ownerLock) == 64, "mailbox layout");
 static_assert(offsetof(MailboxHeader, pending) == 128, "mailbox layout");
-static_assert(offsetof(MailboxHeader, wakeSequence) == 192, "mailbox layout");
-static_assert(offsetof(MailboxHeader, waiterAsleep) == 196, "mailbox layout");
+static_assert(offsetof(MailboxHeader, wakeSequence) == 136, "mailbox layout");
+static_assert(offsetof(MailboxHeader, waiterAsleep) == 140, "mailbox layout");
 static_assert(offsetof(MailboxHeader, lanes) == 256, "mailbox layout");
 static_assert(sizeof(MailboxHeader) == 256 + kLaneCount * 128, "mailbox layout");
 static_assert(kLanesOffset == 12288, "mailbox layout");

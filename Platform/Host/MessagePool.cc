@@ -43,7 +43,11 @@ unsigned char* dataOf(void* header) { return static_cast<unsigned char*>(header)
 MessagePool::MessagePool(uint64_t limitBytes, uint32_t holdLimit) : limitBytes_(limitBytes), holdLimit_(holdLimit) {
   static_assert(sizeof(BufferHeader) == kHeaderBytes, "buffer header is one cache line");
   for (int i = 0; i < kClassCount; ++i) {
-    classes_[i] = SizeClass{kClassCapacities[i], nullptr, nullptr, nullptr, HeldList{nullptr, nullptr}};
+    // Divisibility by multiplication (for 32-bit dividends): the stride check of every pointer
+    // handed in would otherwise cost a division.
+    const uint64_t stride = kHeaderBytes + kClassCapacities[i];
+    classes_[i] = SizeClass{kClassCapacities[i], ~uint64_t{0} / stride + 1, nullptr, nullptr, nullptr,
+                            HeldList{nullptr, nullptr}};
   }
 }
 
@@ -200,6 +204,7 @@ bool MessagePool::claimChunk(int classIndex) {
 // Recognises a data pointer of this pool from its address alone (range, chunk class, buffer
 // stride) before reading the header, so that a foreign pointer is never dereferenced.
 MessagePool::BufferHeader* MessagePool::headerOf(const void* data) const {
+  if (data == lastData_ && data != nullptr) return lastHeader_;
   const auto address = reinterpret_cast<uintptr_t>(data);
   const auto first = reinterpret_cast<uintptr_t>(base_);
   if (base_ == nullptr || address < first + kHeaderBytes) return nullptr;
@@ -207,15 +212,22 @@ MessagePool::BufferHeader* MessagePool::headerOf(const void* data) const {
   const size_t chunk = offset / kChunkBytes;
   if (chunk >= chunksClaimed_ || chunkClass_[chunk] == kNoClass) return nullptr;
   const size_t within = offset % kChunkBytes;
-  const size_t stride = kHeaderBytes + classes_[chunkClass_[chunk]].capacity;
-  if (within < kHeaderBytes || (within - kHeaderBytes) % stride != 0) return nullptr;
+  const SizeClass& sizeClass = classes_[chunkClass_[chunk]];
+  const size_t stride = kHeaderBytes + sizeClass.capacity;
+  static_assert(kChunkBytes <= 0xFFFFFFFFu, "offsets within a chunk fit 32 bits");
+  if (within < kHeaderBytes || uint64_t{within - kHeaderBytes} * sizeClass.strideDivisor > sizeClass.strideDivisor - 1) {
+    return nullptr;
+  }
   if (within - kHeaderBytes + stride > kChunkBytes) return nullptr;
   auto* header = reinterpret_cast<BufferHeader*>(address - kHeaderBytes);
-  if (reinterpret_cast<unsigned char*>(header) >= classes_[chunkClass_[chunk]].carveCursor &&
-      reinterpret_cast<unsigned char*>(header) < classes_[chunkClass_[chunk]].carveEnd) {
+  if (reinterpret_cast<unsigned char*>(header) >= sizeClass.carveCursor &&
+      reinterpret_cast<unsigned char*>(header) < sizeClass.carveEnd) {
     return nullptr;  // in the class's current chunk, but not carved yet
   }
-  return header->magic == kBufferMagic ? header : nullptr;
+  if (header->magic != kBufferMagic) return nullptr;
+  lastData_ = data;
+  lastHeader_ = header;
+  return header;
 }
 
 void MessagePool::pushFree(BufferHeader* header, uint32_t state) {

@@ -98,6 +98,7 @@ class MessagePool {
   };
   struct SizeClass {
     uint32_t capacity;
+    uint64_t strideDivisor;  // n % stride == 0 exactly when n * strideDivisor <= strideDivisor - 1
     BufferHeader* freeList;
     unsigned char* carveCursor;
     unsigned char* carveEnd;
@@ -123,6 +124,10 @@ class MessagePool {
   size_t chunksClaimed_ = 0;
   uint8_t* chunkClass_ = nullptr;  // per chunk: the size class carved from it, or kNoClass
   SizeClass classes_[kClassCount];
+  // The last pointer recognised: a data address always belongs to the same header (the range is
+  // never unmapped), and the send path looks the same buffer up more than once.
+  mutable const void* lastData_ = nullptr;
+  mutable BufferHeader* lastHeader_ = nullptr;
   uint64_t holdSequence_ = 0;      // orders held buffers across size classes
   uint64_t carved_ = 0;
   PoolStatistics stats_{};

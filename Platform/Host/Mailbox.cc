@@ -32,7 +32,6 @@ static_assert(sizeof(pthread_mutex_t{}.__data.__lock) == 4, "the futex word is 3
 #endif
 
 constexpr uint64_t kSpinCheckEvery = 64;  // empty checks between two clock reads while spinning
-constexpr uint32_t kRewindBytes = 4096;
 
 class FileDescriptor {
  public:
@@ -228,16 +227,7 @@ PushResult Mailbox::push(const void* payload, uint32_t length, RecordKind kind) 
   if (tail % kRecordAlignment != 0) return PushResult::kLaneDamaged;
   const uint32_t position = tail & (laneBytes_ - 1);
   const uint32_t untilEnd = laneBytes_ - position;
-  uint32_t padding = untilEnd < recordBytes ? untilEnd : 0;
-  // A lane found empty starts over at the beginning of its ring: with a few messages in flight
-  // the same few cache lines and pages are reused instead of the whole ring cycling through the
-  // caches. Looked at once per kRewindBytes of progress, so a busy lane pays one load of the
-  // consumer's line per kRewindBytes.
-  if (padding == 0 && position >= kRewindBytes && tail - lastRewindCheck_ >= kRewindBytes) {
-    lastRewindCheck_ = tail;
-    knownHead_ = bytesOf(control.head.load(std::memory_order_acquire));
-    if (knownHead_ == tail) padding = untilEnd;
-  }
+  const uint32_t padding = untilEnd < recordBytes ? untilEnd : 0;
   const uint64_t needed = uint64_t{padding} + recordBytes;
   if (uint64_t{tail - knownHead_} + needed > laneBytes_) {
     // Acquire: pairs with the consumer's release store of head, so the space it gave back is
@@ -284,7 +274,6 @@ bool Mailbox::claimLane() {
   LaneControl& control = header_->lanes[lane_];
   producerTail_ = control.tail.load(std::memory_order_acquire);
   knownHead_ = bytesOf(control.head.load(std::memory_order_acquire));
-  lastRewindCheck_ = bytesOf(producerTail_);
   // A predecessor may have died between publishing a record and announcing it.
   if (inherited) notifyConsumer(static_cast<uint32_t>(lane_));
   return true;

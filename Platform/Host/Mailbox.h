@@ -110,7 +110,6 @@ class Mailbox {
   int lane_ = -1;
   uint64_t producerTail_ = 0;
   uint32_t knownHead_ = 0;
-  uint32_t lastRewindCheck_ = 0;  // tail when the producer last looked whether the lane was empty
 
   // Consumer state: lanes known to have records (collected from the shared summary), where the
   // round-robin continues, and the last tail read per lane.

@@ -11,7 +11,6 @@ namespace {
 
 // Bounds of a record as read from shared memory, checked before anything is copied out of it.
 bool recordIsSound(uint32_t laneBytes, uint32_t position, uint32_t available, const RecordHeader& record) {
-  if (position % kRecordAlignment != 0) return false;
   if (record.length == kWrapMarker) return position != 0 && laneBytes - position <= available;
   if (record.length > kMaxBufferBytes) return false;
   const uint32_t recordBytes = recordBytesFor(record.length);
@@ -64,6 +63,11 @@ LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, 
     return LaneRead::kAgain;
   }
   const uint32_t position = bytesOf(head) & (lane.laneBytes - 1);
+  // Alignment first: only an 8-aligned position leaves room for a whole header before the end.
+  if (position % kRecordAlignment != 0) {
+    discardLane(lane, head, tail);
+    return LaneRead::kAgain;
+  }
   RecordHeader record{};
   std::memcpy(&record, lane.ring + position, sizeof(record));
   if (!recordIsSound(lane.laneBytes, position, available, record)) {

@@ -171,6 +171,26 @@ TEST_F(MailboxTest, DamagedLaneIsDiscardedWithoutReadingPastIt) {
   EXPECT_EQ(owner_->waitingRecords(), 0u);
 }
 
+// Indices that no producer writes: a head two bytes before the end of the ring must not make the
+// reader take a header from beyond it.
+TEST_F(MailboxTest, IndicesNoProducerWritesDropTheLaneWithoutReadingPastIt) {
+  SharedView shared(nid_);
+  ASSERT_NE(shared.header(), nullptr);
+  ASSERT_EQ(pushMessage(40, 1), PushResult::kDelivered);
+  LaneControl& lane = shared.header()->lanes[0];
+  lane.head.store(laneIndex(0, kTestLaneBytes - 2));
+  lane.tail.store(laneIndex(1, kTestLaneBytes + 30));
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("damaged record"), std::string::npos);
+  lane.tail.store(laneIndex(5, 8));  // head 0, tail says five records in eight bytes
+  shared.header()->pending.fetch_or(1);
+  ::testing::internal::CaptureStderr();
+  lane.head.store(0);
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("damaged record"), std::string::npos);
+}
+
 TEST_F(MailboxTest, SenderStoppedOrKilledInTheMiddleOfASendHoldsUpNoOne) {
   Rendezvous halfWritten;
   ChildProcess stalledSender([&] {

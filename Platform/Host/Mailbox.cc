@@ -393,22 +393,16 @@ bool Mailbox::waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spi
 }
 
 // Head before tail: tail never falls behind a head read earlier, so no difference is negative.
-uint32_t Mailbox::waitingRecords() const {
-  uint32_t waiting = 0;
+// Relaxed: these are statistics, read while the lanes move.
+Mailbox::FillLevel Mailbox::fillLevel() const {
+  FillLevel level{0, 0};
   for (const LaneControl& control : header_->lanes) {
-    const uint64_t head = control.head.load(std::memory_order_acquire);
-    waiting += recordsOf(control.tail.load(std::memory_order_acquire)) - recordsOf(head);
+    const uint64_t head = control.head.load(std::memory_order_relaxed);
+    const uint64_t tail = control.tail.load(std::memory_order_relaxed);
+    level.records += recordsOf(tail) - recordsOf(head);
+    level.bytes += bytesOf(tail) - bytesOf(head);
   }
-  return waiting;
-}
-
-uint64_t Mailbox::usedBytes() const {
-  uint64_t used = 0;
-  for (const LaneControl& control : header_->lanes) {
-    const uint64_t head = control.head.load(std::memory_order_acquire);
-    used += bytesOf(control.tail.load(std::memory_order_acquire)) - bytesOf(head);
-  }
-  return used;
+  return level;
 }
 
 void Mailbox::markTimingPageInUse() { header_->timingPageInUse.store(1, std::memory_order_release); }

@@ -74,8 +74,12 @@ class Mailbox {
   bool waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs);
 
   // Fill level, read by anyone (the queue table). Never skewed by a sender that died mid-send.
-  uint32_t waitingRecords() const;
-  uint64_t usedBytes() const;
+  struct FillLevel {
+    uint32_t records;  // published and not yet consumed
+    uint64_t bytes;    // of the lanes, wrap padding included
+  };
+  FillLevel fillLevel() const;
+  uint32_t waitingRecords() const { return fillLevel().records; }
   uint64_t ringBytes() const { return uint64_t{kLaneCount} * laneBytes_; }
 
   // rhyddal_host_timing_page_in_use of the node's process, visible to the timing updater.

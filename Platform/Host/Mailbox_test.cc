@@ -88,7 +88,7 @@ TEST_F(MailboxTest, EveryLengthArrivesIntactAndInOrderAcrossWrapArounds) {
   for (; !queued.empty(); queued.pop_front()) ASSERT_TRUE(popsMessage(queued.front(), queued.front()));
   EXPECT_EQ(owner_->pop(pool_), nullptr);
   EXPECT_EQ(owner_->waitingRecords(), 0u);
-  EXPECT_EQ(owner_->usedBytes(), 0u);
+  EXPECT_EQ(owner_->fillLevel().bytes, 0u);
 }
 
 TEST_F(MailboxTest, FullLaneRefusesAtOnceAndAcceptsAgainAfterDraining) {

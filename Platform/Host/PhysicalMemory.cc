@@ -218,10 +218,11 @@ class TimingUpdater {
     for (const auto& [nid, node] : nodes_) {
       if (!node.live) continue;
       QueueRecord& record = table_[nid & kQueueIndexMask];
+      const Mailbox::FillLevel level = node.mailbox->fillLevel();
       storeWord(&record.nid, nid);
-      storeWord(&record.usedBytes, static_cast<uint32_t>(node.mailbox->usedBytes()));
+      storeWord(&record.usedBytes, static_cast<uint32_t>(level.bytes));
       storeWord(&record.ringBytes, static_cast<uint32_t>(node.mailbox->ringBytes()));
-      storeWord(&record.waiting, node.mailbox->waitingRecords());
+      storeWord(&record.waiting, level.records);
     }
   }
 

@@ -30,8 +30,6 @@ constexpr uint32_t kKilledSender = 2;
 constexpr uint32_t kStoppedSender = 3;
 constexpr uint32_t kProgress = 500;  // messages per sender that prove traffic flows
 constexpr uint32_t kNone = 0xFFFFFFFFu;
-constexpr uint16_t kDataId = 1;
-constexpr uint16_t kEndId = 2;
 constexpr int kPhaseTimeoutMs = 20000;
 
 struct SenderState {
@@ -66,38 +64,22 @@ uint32_t lengthFor(uint32_t sender, uint32_t seq) {
   return 16 + x % (65536 - 16);
 }
 
-unsigned char patternByte(uint32_t sender, uint32_t seq, uint32_t i) {
-  return static_cast<unsigned char>(seq * 31u + sender * 131u + i * 7u);
-}
+// A test message (HostTestUtil.h) whose pattern depends on sender and sequence number, with the
+// sequence number also in the header's control (2) and flags (12) fields; kEndSeq ends a sender.
+constexpr uint32_t kEndSeq = 0xFFFFFFFFu;
 
-// SysCom header with the sequence number in the control (2) and flags (12) fields.
-void writeMessage(void* buffer, uint16_t id, uint32_t length, uint32_t receiver, uint32_t sender, uint32_t seq) {
-  auto* bytes = static_cast<unsigned char*>(buffer);
+uint32_t seedOf(uint32_t sender, uint32_t seq) { return seq * kSenders + sender; }
+
+void writeMessage(void* buffer, uint32_t length, uint32_t receiver, uint32_t sender, uint32_t seq) {
+  writeTestMessage(buffer, length, receiver, sender, seedOf(sender, seq));
   const uint16_t low = static_cast<uint16_t>(seq);
   const uint16_t high = static_cast<uint16_t>(seq >> 16);
-  const uint16_t total = static_cast<uint16_t>(length);
-  std::memset(bytes, 0, 16);
-  std::memcpy(bytes, &id, 2);
-  std::memcpy(bytes + 2, &low, 2);
-  std::memcpy(bytes + 4, &receiver, 4);
-  std::memcpy(bytes + 8, &sender, 4);
-  std::memcpy(bytes + 12, &high, 2);
-  std::memcpy(bytes + 14, &total, 2);
-  for (uint32_t i = 16; i < length; ++i) bytes[i] = patternByte(sender, seq, i);
+  std::memcpy(static_cast<unsigned char*>(buffer) + 2, &low, 2);
+  std::memcpy(static_cast<unsigned char*>(buffer) + 12, &high, 2);
 }
 
 uint32_t seqOf(const void* message) {
   return uint32_t{fieldOf<uint16_t>(message, 2)} | uint32_t{fieldOf<uint16_t>(message, 12)} << 16;
-}
-
-bool intact(const void* message, uint32_t sender, uint32_t seq) {
-  const uint32_t length = totalLengthOf(message);
-  if (length != lengthFor(sender, seq)) return false;
-  const auto* bytes = static_cast<const unsigned char*>(message);
-  for (uint32_t i = 16; i < length; ++i) {
-    if (bytes[i] != patternByte(sender, seq, i)) return false;
-  }
-  return true;
 }
 
 bool poolClean(uint32_t maxHeld) {
@@ -120,10 +102,10 @@ int runNode(Shared& shared, ReceiverState& state, uint16_t nid, bool expectEnds,
     const uint32_t seq = seqOf(message);
     if (sender >= kSenders) {
       state.damaged.fetch_add(1);
-    } else if (fieldOf<uint16_t>(message, 0) == kEndId) {
+    } else if (seq == kEndSeq) {
       state.ended[sender].store(1);
     } else {
-      if (!intact(message, sender, seq)) state.damaged.fetch_add(1);
+      if (!isTestMessage(message, lengthFor(sender, seq), seedOf(sender, seq))) state.damaged.fetch_add(1);
       const uint32_t count = state.received[sender].load();
       if (count == 0) {
         state.first[sender].store(seq);
@@ -148,7 +130,7 @@ int runSender(Shared& shared, uint32_t index, uint16_t nid) {
     if (message == nullptr) {
       message = vakem_alloc(lengthFor(index, seq));
       if (message == nullptr) return 10;
-      writeMessage(message, kDataId, lengthFor(index, seq), to, index, seq);
+      writeMessage(message, lengthFor(index, seq), to, index, seq);
     }
     const uint32_t generation = shared.nodeGeneration.load();
     const int rc = vakem_send(message, to);
@@ -167,7 +149,7 @@ int runSender(Shared& shared, uint32_t index, uint16_t nid) {
   }
   vakem_free(message);
   void* end = vakem_alloc(16);
-  writeMessage(end, kEndId, 16, to, index, 0);
+  writeMessage(end, 16, to, index, kEndSeq);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPhaseTimeoutMs);
   while (vakem_send(end, to) != 0) {
     if (std::chrono::steady_clock::now() > deadline) return 12;

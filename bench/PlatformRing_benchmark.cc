@@ -1,24 +1,26 @@
-// Round trips of 64-byte messages between two processes on one host through libRHYDDAL.so
-// (vakem_send, vakem_wait_for_event, vakem_receive), as two nodes talk on a development host,
-// beside the bare ring of BareRing_benchmark.cc. Each iteration is one round trip timed on its
-// own; the p50_us and p99_us counters are the median and 99th percentile of those round trips.
-#include <linux/futex.h>
-#include <sched.h>
+// Messages of 64 bytes between two processes on one host through libRHYDDAL.so, as two nodes talk
+// on a development host, beside the bare ring of BareRing_benchmark.cc in the same run.
+//   RhyddalRoundTrip:         one message in flight; the receiver waits in vakem_wait_for_event
+//                             (RHYDDAL_SPIN_US applies). p50_us and p99_us are the median and 99th
+//                             percentile of the round trips, each timed on its own.
+//   RhyddalRoundTripPolling:  both sides poll vakem_receive and never wait (apart only), to read
+//                             beside BareRingRoundTripPolling.
+//   RhyddalStream:            one-way: the benchmark allocates and sends, the sink receives and
+//                             frees; items_per_second is messages per second through the platform.
+//   RhyddalLoopback:          alloc, send to the own node, receive, free, in one thread: the CPU
+//                             cost of the four calls without any crossing between cores.
+// Runs in a namespace of its own (RHYDDAL_NAMESPACE=bench<pid>), beside any real nodes.
+#include <dirent.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "Rhyddal.h"
 
@@ -28,17 +30,17 @@ namespace {
 
 using namespace roundtrip;
 
-// Node ids 0xF000-0xFFFF, clear of the range the unit tests use; fixed by the benchmark process
-// before it forks its echo nodes.
-uint16_t benchNid() {
-  static const uint16_t nid = static_cast<uint16_t>(0xF000 + getpid() % 0x800);
-  return nid;
-}
-uint16_t echoNid() { return static_cast<uint16_t>(benchNid() + 0x800); }
+constexpr uint32_t kNoCpu = 0xFFFFFFFFu;
+constexpr uint16_t kBenchNid = 0xF001;
+constexpr uint16_t kDataMsgId = 1;
+constexpr uint16_t kDoneMsgId = 2;
+uint16_t nextEchoNid = 0xF100;
+
 uint32_t sicAddress(uint16_t nid) { return uint32_t{nid} << 16 | 1; }
 
 void* newMessage(uint32_t receiver, uint32_t sender, uint16_t msgId) {
   auto* message = static_cast<unsigned char*>(vakem_alloc(kMessageBytes));
+  if (message == nullptr) return nullptr;
   const uint16_t totalLength = kMessageBytes;
   std::memset(message, 0, kMessageBytes);
   std::memcpy(message, &msgId, 2);
@@ -46,6 +48,12 @@ void* newMessage(uint32_t receiver, uint32_t sender, uint16_t msgId) {
   std::memcpy(message + 8, &sender, 4);
   std::memcpy(message + 14, &totalLength, 2);
   return message;
+}
+
+uint16_t msgIdOf(const void* message) {
+  uint16_t msgId = 0;
+  std::memcpy(&msgId, message, 2);
+  return msgId;
 }
 
 void* receiveBlocking(uint16_t nid) {
@@ -57,73 +65,186 @@ void* receiveBlocking(uint16_t nid) {
   return message;
 }
 
-void runRhyddalEcho(uint16_t nid, int ready) {
+void* receivePolling(uint16_t nid) {
+  void* message = vakem_receive(nid);
+  while (message == nullptr) {
+    cpuRelax();
+    message = vakem_receive(nid);
+  }
+  return message;
+}
+
+void sendOrDrop(void* message, uint32_t receiver) {
+  if (vakem_send(message, receiver) != 0) vakem_free(message);
+}
+
+enum class EchoMode { kEcho, kEchoPolling, kSink };
+
+// The echo node: sends every message back (kEcho*), or frees it and answers the stop marker with
+// a message whose id says it is done (kSink).
+[[noreturn]] void runEcho(uint16_t nid, int ready, EchoMode mode) {
+  pinEchoProcess();
   uint32_t handle = 0;
-  const int rc = vak_em_server_init(nid, cpuOrNone(kEchoCpu), 0, &handle);
+  const int rc = vak_em_server_init(nid, kNoCpu, 0, &handle);
   (void)!write(ready, &rc, sizeof(rc));
   if (rc != 0) _exit(1);
   for (;;) {
-    auto* message = static_cast<unsigned char*>(receiveBlocking(nid));
-    uint16_t msgId = 0;
+    void* message = mode == EchoMode::kEchoPolling ? receivePolling(nid) : receiveBlocking(nid);
     uint32_t sender = 0;
-    std::memcpy(&msgId, message, 2);
-    std::memcpy(&sender, message + 8, 4);
-    if (msgId == kStopMarker) _exit(0);
-    std::memcpy(message + 4, &sender, 4);
-    if (vakem_send(message, sender) != 0) vakem_free(message);
+    std::memcpy(&sender, static_cast<unsigned char*>(message) + 8, 4);
+    if (msgIdOf(message) == kStopMarker) {
+      if (mode == EchoMode::kSink) {
+        std::memcpy(message, &kDoneMsgId, 2);
+        std::memcpy(static_cast<unsigned char*>(message) + 4, &sender, 4);
+        sendOrDrop(message, sender);
+      }
+      _exit(0);
+    }
+    if (mode == EchoMode::kSink) {
+      vakem_free(message);
+    } else {
+      std::memcpy(static_cast<unsigned char*>(message) + 4, &sender, 4);
+      sendOrDrop(message, sender);
+    }
   }
 }
 
 bool becomeBenchNode() {
   static const int rc = [] {
+    pinBenchProcess();
     uint32_t handle = 0;
-    return vak_em_server_init(benchNid(), cpuOrNone(kBenchCpu), 0, &handle);
+    return vak_em_server_init(kBenchNid, kNoCpu, 0, &handle);
   }();
   return rc == 0;
 }
 
-void BM_RhyddalRoundTrip(benchmark::State& state) {
-  if (!becomeBenchNode()) {
-    state.SkipWithError("vak_em_server_init failed");
-    return;
+class EchoProcess {
+ public:
+  EchoProcess(benchmark::State& state, EchoMode mode) : nid_(nextEchoNid++) {
+    int ready[2];
+    if (pipe(ready) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) runEcho(nid_, ready[1], mode);
+    int rc = -1;
+    started_ = read(ready[0], &rc, sizeof(rc)) == sizeof(rc) && rc == 0;
+    close(ready[0]);
+    close(ready[1]);
+    if (!started_) state.SkipWithError("echo node did not start");
   }
-  int ready[2];
-  if (pipe(ready) != 0) return state.SkipWithError("pipe failed");
-  const uint16_t echoNode = echoNid();
-  const pid_t echo = fork();
-  if (echo == 0) runRhyddalEcho(echoNode, ready[1]);
-  int echoRc = -1;
-  if (read(ready[0], &echoRc, sizeof(echoRc)) != sizeof(echoRc) || echoRc != 0) {
-    state.SkipWithError("echo node did not start");
+  ~EchoProcess() {
+    if (pid_ <= 0) return;
+    void* stop = newMessage(address(), sicAddress(kBenchNid), kStopMarker);
+    if (stop == nullptr || vakem_send(stop, address()) != 0) {
+      vakem_free(stop);
+      kill(pid_, SIGKILL);
+    }
+    waitpid(pid_, nullptr, 0);
   }
-  close(ready[0]);
-  close(ready[1]);
-  const uint32_t me = sicAddress(benchNid());
-  const uint32_t peer = sicAddress(echoNid());
+  bool started() const { return started_; }
+  uint32_t address() const { return sicAddress(nid_); }
+  void stopAndWaitForDone() {
+    void* stop = newMessage(address(), sicAddress(kBenchNid), kStopMarker);
+    while (vakem_send(stop, address()) != 0) cpuRelax();
+    for (;;) {
+      void* reply = receiveBlocking(kBenchNid);
+      const bool done = msgIdOf(reply) == kDoneMsgId;
+      vakem_free(reply);
+      if (done) break;
+    }
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+ private:
+  uint16_t nid_;
+  pid_t pid_ = -1;
+  bool started_ = false;
+};
+
+void roundTrips(benchmark::State& state, bool polling) {
+  if (!becomeBenchNode()) return state.SkipWithError("vak_em_server_init failed");
+  EchoProcess echo(state, polling ? EchoMode::kEchoPolling : EchoMode::kEcho);
+  if (!echo.started()) return;
+  const uint32_t me = sicAddress(kBenchNid);
   RoundTripTimes times(static_cast<size_t>(state.max_iterations));
   for (auto _ : state) {
-    void* message = newMessage(peer, me, 1);
+    void* message = newMessage(echo.address(), me, kDataMsgId);
     const auto start = std::chrono::steady_clock::now();
-    const int rc = vakem_send(message, peer);
+    const int rc = vakem_send(message, echo.address());
     if (rc != 0) {
       state.SkipWithError(("vakem_send failed: " + std::to_string(rc)).c_str());
       vakem_free(message);
       break;
     }
-    void* reply = receiveBlocking(benchNid());
+    void* reply = polling ? receivePolling(kBenchNid) : receiveBlocking(kBenchNid);
     times.add(state, std::chrono::steady_clock::now() - start);
     vakem_free(reply);
   }
-  void* stop = newMessage(peer, me, kStopMarker);
-  if (vakem_send(stop, peer) != 0) {
-    vakem_free(stop);
-    kill(echo, SIGKILL);
-  }
-  waitpid(echo, nullptr, 0);
   times.report(state);
 }
+
+void BM_RhyddalRoundTrip(benchmark::State& state) { roundTrips(state, false); }
 BENCHMARK(BM_RhyddalRoundTrip)->Iterations(kRoundTrips)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+void BM_RhyddalRoundTripPolling(benchmark::State& state) {
+  if (placement() != Placement::kApart) return state.SkipWithError("polling needs OLM_BENCH_PLACEMENT=apart");
+  roundTrips(state, true);
+}
+BENCHMARK(BM_RhyddalRoundTripPolling)->Iterations(kRoundTrips)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// A full lane makes the sender wait for the sink: it yields, so that on one CPU the sink runs.
+void BM_RhyddalStream(benchmark::State& state) {
+  if (!becomeBenchNode()) return state.SkipWithError("vak_em_server_init failed");
+  EchoProcess sink(state, EchoMode::kSink);
+  if (!sink.started()) return;
+  const uint32_t me = sicAddress(kBenchNid);
+  const uint32_t to = sink.address();
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    void* message = newMessage(to, me, kDataMsgId);
+    while (vakem_send(message, to) == -ENOBUFS) sched_yield();
+  }
+  sink.stopAndWaitForDone();
+  state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_RhyddalStream)->Iterations(2000000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void BM_RhyddalLoopback(benchmark::State& state) {
+  if (!becomeBenchNode()) return state.SkipWithError("vak_em_server_init failed");
+  const uint32_t me = sicAddress(kBenchNid);
+  for (auto _ : state) {
+    void* message = newMessage(me, me, kDataMsgId);
+    vakem_send(message, me);
+    vakem_free(vakem_receive(kBenchNid));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_RhyddalLoopback)->Unit(benchmark::kNanosecond);
+
+std::string benchNamespacePrefix;
+
+void removeBenchObjects() {
+  DIR* directory = opendir("/dev/shm");
+  if (directory == nullptr) return;
+  while (const dirent* entry = readdir(directory)) {
+    if (std::strncmp(entry->d_name, benchNamespacePrefix.c_str(), benchNamespacePrefix.size()) == 0) {
+      unlink((std::string("/dev/shm/") + entry->d_name).c_str());
+    }
+  }
+  closedir(directory);
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  const std::string word = "bench" + std::to_string(getpid());
+  setenv("RHYDDAL_NAMESPACE", word.c_str(), 0);
+  benchNamespacePrefix = "rhyddal-" + std::to_string(getuid()) + "-" + std::getenv("RHYDDAL_NAMESPACE") + "-";
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  removeBenchObjects();
+  return 0;
+}

@@ -1,10 +1,13 @@
-// Shared by the round-trip benchmarks between processes: the message size, optional pinning and
-// the per-round-trip timing that yields the p50_us and p99_us counters.
+// Shared by the benchmarks between processes: the message size, the placement of the two
+// processes and the per-round-trip timing that yields the p50_us and p99_us counters.
 //
-// Nothing is pinned by default: on a host shared with other work, fixed CPUs make every wake-up
-// wait for whatever else runs there. PLATFORM_RING_PIN=1 (and RHYDDAL_PIN_CPU=1 for the nodes of the
-// platform benchmark) pins the benchmark to CPU 0 and the echo
-// to CPU 1.
+// Placement, OLM_BENCH_PLACEMENT:
+//   unset   nothing is pinned: on a host shared with other work, fixed CPUs make every wake-up
+//           wait for whatever else runs there;
+//   apart   the benchmark process on CPU 0, the echo process on CPU 1: every message crosses
+//           between cores, and every wake-up is one of an idle core;
+//   same    both on CPU 0: every message is handed over by a context switch.
+// Compare figures only within one run and one placement.
 #pragma once
 
 #include <sched.h>
@@ -15,7 +18,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 namespace roundtrip {
@@ -23,24 +28,47 @@ namespace roundtrip {
 inline constexpr uint32_t kMessageBytes = 64;
 inline constexpr uint32_t kStopMarker = 0xFFFF;
 inline constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
-inline constexpr uint32_t kBenchCpu = 0;
-inline constexpr uint32_t kEchoCpu = 1;
-inline constexpr uint32_t kNoCpu = 0xFFFFFFFFu;
 inline constexpr int64_t kRoundTrips = 20000;
 
-inline bool pinning() {
-  static const bool requested = std::getenv("PLATFORM_RING_PIN") != nullptr;
-  return requested;
+enum class Placement { kUnpinned, kApart, kSame };
+
+inline Placement placement() {
+  static const Placement chosen = [] {
+    const char* text = std::getenv("OLM_BENCH_PLACEMENT");
+    if (text == nullptr || text[0] == '\0') return Placement::kUnpinned;
+    if (std::strcmp(text, "apart") == 0) return Placement::kApart;
+    if (std::strcmp(text, "same") == 0) return Placement::kSame;
+    std::fprintf(stderr, "OLM_BENCH_PLACEMENT=%s: expected apart or same; not pinning\n", text);
+    return Placement::kUnpinned;
+  }();
+  return chosen;
 }
 
-inline uint32_t cpuOrNone(uint32_t cpu) { return pinning() ? cpu : kNoCpu; }
-
-inline void pinTo(uint32_t cpu) {
-  if (!pinning() || cpu >= static_cast<uint32_t>(sysconf(_SC_NPROCESSORS_ONLN))) return;
+inline void pinCallerTo(int cpu) {
+  if (cpu >= static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN))) return;
   cpu_set_t set;
   CPU_ZERO(&set);
   CPU_SET(cpu, &set);
   sched_setaffinity(0, sizeof(set), &set);
+}
+
+// Pins the calling thread (and the threads it starts from now on) per OLM_BENCH_PLACEMENT.
+inline void pinBenchProcess() {
+  if (placement() != Placement::kUnpinned) pinCallerTo(0);
+}
+
+inline void pinEchoProcess() {
+  if (placement() == Placement::kApart) pinCallerTo(1);
+  if (placement() == Placement::kSame) pinCallerTo(0);
+}
+
+// One busy-wait step: lets a hyper-threaded sibling run and saves power while polling.
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+  asm volatile("yield" ::: "memory");
+#endif
 }
 
 class RoundTripTimes {

@@ -2,12 +2,14 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "Futex.h"
 #include "HostEnvironment.h"
 #include "PhysicalMemory.h"
 #include "SysComFields.h"
@@ -18,7 +20,7 @@ namespace {
 constexpr uint32_t kLoopbackRouteKind = 1;
 constexpr uint32_t kMaxNid = 0xFFFF;
 constexpr uint32_t kHandleTag = 0x00010000;  // keeps the transport handle non-zero for node 0
-constexpr uint32_t kWaitWithoutServerResult = 1;
+constexpr int kTimedOut = 1;
 
 uint16_t nidOf(uint32_t sicAddress) { return static_cast<uint16_t>(sicAddress >> 16); }
 
@@ -41,40 +43,59 @@ int pushResultCode(PushResult result) {
     case PushResult::kDelivered:
       return 0;
     case PushResult::kFull:
+    case PushResult::kNoLane:
       return -ENOBUFS;
     case PushResult::kTooLarge:
       return -EMSGSIZE;
-    case PushResult::kLockBroken:
+    case PushResult::kLaneDamaged:
       break;
   }
-  return -ENOTRECOVERABLE;
+  return -EPROTO;
+}
+
+const char* refusalReason(ReleaseResult result) {
+  switch (result) {
+    case ReleaseResult::kRefusedAlreadyFree:
+      return "already free";
+    case ReleaseResult::kRefusedSentAndFreed:
+      return "sent and already freed once";
+    case ReleaseResult::kRefusedForeign:
+      return "not an event-machine buffer";
+    default:
+      return nullptr;
+  }
 }
 
 }  // namespace
 
-EventMachine::EventMachine(uint64_t poolBytes, uint32_t ringBytes) : pool_(poolBytes), ringBytes_(ringBytes) {}
+EventMachine::EventMachine(const MachineSettings& settings)
+    : settings_(settings), pool_(settings.poolBytes, settings.holdLimit) {}
 
 // The timing updater starts before the thread is pinned, so it does not inherit the pinning and
-// compete with the node's own thread for its CPU.
+// compete with the node's own thread for its CPU. The timer slack is the calling thread's: the
+// kernel's default (50 us) would make every timed wait of the node's loop that much late.
 int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
   if (handle == nullptr || nid > kMaxNid) return -EINVAL;
-  std::lock_guard<std::mutex> guard(serverMutex_);
+  ProcessLockGuard guard(lock_);
   if (ownMailbox_ != nullptr) return -EALREADY;
-  const int rc = Mailbox::create(static_cast<uint16_t>(nid), ringBytes_, &ownMailbox_);
+  const int rc = Mailbox::create(static_cast<uint16_t>(nid), settings_.laneBytes, &ownMailbox_);
   if (rc != 0) return rc;
+  if (timingPageInUse_.load()) ownMailbox_->markTimingPageInUse();
   ownNid_.store(nid, std::memory_order_relaxed);
   own_.store(ownMailbox_.get(), std::memory_order_release);
   startTimingUpdater();
+  if (timingPageInUse_.load()) wakeTimingUpdater();
+  if (settings_.timerSlackNs != 0) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(settings_.timerSlackNs), 0, 0, 0);
   pinCallingThread(cpu);
   *handle = kHandleTag | nid;
   return 0;
 }
 
 // Routes are appended and never removed: readers on the send path take the count with acquire
-// and read only entries published before it.
+// (pairing with the release store here) and read only entries published before it.
 int EventMachine::addTestRoute(uint32_t kind, uint32_t from, uint32_t to) {
   if (kind != kLoopbackRouteKind || from > to || to > kMaxNid) return -EINVAL;
-  std::lock_guard<std::mutex> guard(serverMutex_);
+  ProcessLockGuard guard(lock_);
   const uint32_t count = routeCount_.load(std::memory_order_relaxed);
   if (count == kMaxRoutes) return -ENOSPC;
   routes_[count] = LoopbackRoute{from, to};
@@ -82,9 +103,13 @@ int EventMachine::addTestRoute(uint32_t kind, uint32_t from, uint32_t to) {
   return 0;
 }
 
-void* EventMachine::alloc(uint32_t size) { return pool_.allocate(size); }
+void* EventMachine::alloc(uint32_t size) {
+  ProcessLockGuard guard(lock_);
+  return pool_.allocate(size);
+}
 
 uint32_t EventMachine::allocDirect(uint32_t size) {
+  ProcessLockGuard guard(lock_);
   void* data = pool_.allocate(size);
   if (data == nullptr) return 0;
   const uint32_t handle = events_.bind(data);
@@ -98,21 +123,31 @@ uint32_t EventMachine::allocDirect(uint32_t size) {
 
 void EventMachine::free(void* buffer) {
   if (buffer == nullptr) return;
-  uint32_t boundEvent = 0;
-  const ReleaseResult result = pool_.release(buffer, &boundEvent);
-  if (boundEvent != 0) events_.unbind(boundEvent);
-  if (result == ReleaseResult::kForeign) {
-    std::fprintf(stderr, "rhyddal: vakem_free(%p): not an event-machine buffer, ignored\n", buffer);
+  ReleaseResult result;
+  {
+    ProcessLockGuard guard(lock_);
+    uint32_t boundEvent = 0;
+    result = pool_.release(buffer, &boundEvent);
+    if (boundEvent != 0) events_.unbind(boundEvent);
+  }
+  if (const char* reason = refusalReason(result)) {
+    std::fprintf(stderr, "rhyddal: vakem_free(%p) refused: %s\n", buffer, reason);
   }
 }
 
 void* EventMachine::receive(uint32_t nid) {
   Mailbox* own = own_.load(std::memory_order_acquire);
-  if (own == nullptr || nid != ownNid_.load(std::memory_order_relaxed)) return nullptr;
+  if (own == nullptr || nid != ownNid_.load(std::memory_order_relaxed) || !own->mayHaveRecords()) return nullptr;
+  ProcessLockGuard guard(lock_);
   return own->pop(pool_);
 }
 
 int EventMachine::send(void* message, uint32_t receiver) {
+  ProcessLockGuard guard(lock_);
+  return sendLocked(message, receiver);
+}
+
+int EventMachine::sendLocked(void* message, uint32_t receiver) {
   BufferInfo info{};
   if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
   const uint32_t length = sysComTotalLength(message);
@@ -121,12 +156,14 @@ int EventMachine::send(void* message, uint32_t receiver) {
 }
 
 int EventMachine::sendLocalUnreliable(void* message) {
+  ProcessLockGuard guard(lock_);
   BufferInfo info{};
   if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
-  return send(message, sysComReceiver(message));
+  return sendLocked(message, sysComReceiver(message));
 }
 
 int EventMachine::sendDirect(uint32_t event, uint32_t receiver) {
+  ProcessLockGuard guard(lock_);
   void* data = events_.lookup(event);
   BufferInfo info{};
   if (data == nullptr || !pool_.inspect(data, &info)) return -EINVAL;
@@ -134,39 +171,60 @@ int EventMachine::sendDirect(uint32_t event, uint32_t receiver) {
   return transmit(data, info.requestedBytes, RecordKind::kRawEvent, nidOf(receiver));
 }
 
+// After a timed-out wait the lanes are swept once for records whose announcement was lost with a
+// sender that died between publishing and announcing.
 int EventMachine::waitForEvent(uint32_t seconds, uint32_t nanoseconds) {
   Mailbox* own = own_.load(std::memory_order_acquire);
-  if (own != nullptr) return own->waitForRecord(seconds, nanoseconds) ? 0 : 1;
-  if (!waitWithoutServerReported_.exchange(true)) {
-    std::fprintf(stderr, "rhyddal: vakem_wait_for_event before vak_em_server_init: nothing to wait for\n");
+  if (own == nullptr) {
+    if (!waitWithoutServerReported_.exchange(true)) {
+      std::fprintf(stderr, "rhyddal: vakem_wait_for_event before vak_em_server_init: nothing to wait for\n");
+    }
+    return kTimedOut;
   }
-  return kWaitWithoutServerResult;
+  if (own->waitForRecord(seconds, nanoseconds, settings_.spinNs)) return 0;
+  ProcessLockGuard guard(lock_);
+  own->collectAllLanes();
+  return own->mayHaveRecords() ? 0 : kTimedOut;
 }
 
-void* EventMachine::eventPointer(uint32_t event) { return events_.lookup(event); }
+void* EventMachine::eventPointer(uint32_t event) {
+  ProcessLockGuard guard(lock_);
+  return events_.lookup(event);
+}
+
+void EventMachine::timingPageInUse() {
+  if (timingPageInUse_.exchange(true)) return;
+  Mailbox* own = own_.load(std::memory_order_acquire);
+  if (own == nullptr) return;  // serverInit marks the mailbox
+  own->markTimingPageInUse();
+  wakeTimingUpdater();
+}
+
+PoolStatistics EventMachine::poolStatistics() {
+  ProcessLockGuard guard(lock_);
+  return pool_.statistics();
+}
 
 void EventMachine::unlinkOwnMailbox() {
   Mailbox* own = own_.load(std::memory_order_acquire);
   if (own != nullptr) own->unlinkName();
 }
 
-// On success the buffer belongs to the pool (quarantined), and a raw event's handle is gone.
+// On success the buffer is held by the pool, and a raw event's handle is gone.
 int EventMachine::transmit(void* buffer, uint32_t length, RecordKind kind, uint16_t nid) {
   Mailbox* target = nullptr;
-  std::shared_ptr<Mailbox> remote;
   if (isLocal(nid)) {
     target = own_.load(std::memory_order_acquire);
     if (target == nullptr) return -ENOTCONN;
   } else {
     int error = 0;
-    remote = directory_.find(nid, &error);
-    if (remote == nullptr) return error;
-    target = remote.get();
+    target = directory_.find(nid, &error);
+    if (target == nullptr) return error;
   }
   const int rc = pushResultCode(target->push(buffer, length, kind));
   if (rc != 0) return rc;
   uint32_t boundEvent = 0;
-  pool_.retire(buffer, &boundEvent);
+  pool_.hold(buffer, &boundEvent);
   if (boundEvent != 0) events_.unbind(boundEvent);
   return 0;
 }
@@ -181,27 +239,19 @@ bool EventMachine::isLocal(uint16_t nid) const {
   return false;
 }
 
-void EventMachine::prepareFork() {
-  serverMutex_.lock();
-  directory_.lockForFork();
-  events_.lockForFork();
-  pool_.lockForFork();
-}
+void EventMachine::prepareFork() { lock_.lock(); }
 
-void EventMachine::afterForkInParent() {
-  pool_.unlockAfterFork();
-  events_.unlockAfterFork();
-  directory_.unlockAfterFork();
-  serverMutex_.unlock();
-}
+void EventMachine::afterForkInParent() { lock_.unlock(); }
 
 void EventMachine::afterForkInChild() {
-  afterForkInParent();
   own_.store(nullptr, std::memory_order_relaxed);
   ownNid_.store(kNoNode, std::memory_order_relaxed);
   routeCount_.store(0, std::memory_order_relaxed);
+  timingPageInUse_.store(false, std::memory_order_relaxed);
   if (ownMailbox_ != nullptr) ownMailbox_->disownAfterFork();
   ownMailbox_.reset();
+  directory_.clear();
+  lock_.resetInChild();
   forgetTimingUpdaterAfterFork();
 }
 

@@ -2,11 +2,35 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace rhyddal {
+namespace {
+
+constexpr char kNamespaceVariable[] = "RHYDDAL_NAMESPACE";
+
+std::atomic<bool> badNamespaceReported{false};
+
+const char* namespaceWord() {
+  const char* word = std::getenv(kNamespaceVariable);
+  return word == nullptr ? "" : word;
+}
+
+bool isWord(const char* text) {
+  size_t length = 0;
+  for (; text[length] != '\0'; ++length) {
+    const char c = text[length];
+    const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+    if (!allowed || length == kMaxNamespaceLength) return false;
+  }
+  return true;
+}
+
+}  // namespace
 
 uint64_t environmentNumber(const char* name, uint64_t fallback, uint64_t minimum, uint64_t maximum) {
   const char* text = std::getenv(name);
@@ -24,24 +48,48 @@ uint64_t environmentNumber(const char* name, uint64_t fallback, uint64_t minimum
   return value;
 }
 
-std::string userObjectPrefix() {
-  return "rhyddal-" + std::to_string(static_cast<unsigned long>(getuid())) + "-";
+bool namespaceUsable() {
+  const char* word = namespaceWord();
+  if (isWord(word)) return true;
+  if (!badNamespaceReported.exchange(true)) {
+    std::fprintf(stderr,
+                 "rhyddal: refusing %s=\"%s\": only letters, digits and '_', at most %u of them; no node can run\n",
+                 kNamespaceVariable, word, static_cast<unsigned>(kMaxNamespaceLength));
+  }
+  return false;
+}
+
+std::string objectPrefix() {
+  std::string prefix = "rhyddal-" + std::to_string(static_cast<unsigned long>(getuid())) + "-";
+  const char* word = namespaceWord();
+  if (word[0] != '\0') prefix += std::string(word) + "-";
+  return prefix;
 }
 
 std::string mailboxObjectName(uint16_t nid) {
   char digits[8];
   std::snprintf(digits, sizeof(digits), "%04x", static_cast<unsigned>(nid));
-  return "/" + userObjectPrefix() + "node-" + digits;
+  return "/" + objectPrefix() + "node-" + digits;
 }
 
 std::string shmFilePath(const std::string& objectName) { return kShmDirectory + objectName; }
 
-std::string nodeStartLockPath() {
-  return std::string(kShmDirectory) + "/" + userObjectPrefix() + "nodes.lock";
-}
+std::string nodeStartLockPath() { return std::string(kShmDirectory) + "/" + objectPrefix() + "nodes.lock"; }
 
-std::string defaultPhysicalMemoryPath() {
-  return std::string(kShmDirectory) + "/" + userObjectPrefix() + "physmem";
+std::string defaultPhysicalMemoryPath() { return std::string(kShmDirectory) + "/" + objectPrefix() + "physmem"; }
+
+// Outside a namespace the system's own name is used unchanged, so that tools that know only the
+// fixed name find the object.
+int systemObjectName(const char* systemName, std::string* name) {
+  if (systemName == nullptr || !namespaceUsable()) return -EINVAL;
+  const char* bare = systemName[0] == '/' ? systemName + 1 : systemName;
+  if (bare[0] == '\0' || std::strchr(bare, '/') != nullptr) return -EINVAL;
+  if (namespaceWord()[0] == '\0') {
+    *name = systemName;
+  } else {
+    *name = "/" + objectPrefix() + bare;
+  }
+  return 0;
 }
 
 }  // namespace rhyddal

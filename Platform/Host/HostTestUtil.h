@@ -1,5 +1,6 @@
-// Helpers for the host port's tests: forked node processes, rendezvous pipes, unique node ids and
-// SysCom test messages. Header-only, used by the *_test.cc files only.
+// Helpers for the host port's tests: forked node processes, rendezvous pipes and SysCom test
+// messages. Header-only, used by the *_test.cc files only. Every test process runs in a namespace
+// of its own (tests/support/TestNamespace.h), so node ids only need to be unique within it.
 #pragma once
 
 #include <signal.h>
@@ -19,6 +20,7 @@
 
 #include "HostEnvironment.h"
 #include "Rhyddal.h"
+#include "TestNamespace.h"
 
 namespace rhyddal {
 namespace testing {
@@ -35,7 +37,7 @@ inline bool deadLockOwnersAreDetected() {
 #define SKIP_WITHOUT_DEAD_OWNER_DETECTION()                                                          \
   do {                                                                                               \
     if (!::rhyddal::testing::deadLockOwnersAreDetected())                                            \
-      GTEST_SKIP() << "no robust futex lists here: a killed node looks alive";                   \
+      GTEST_SKIP() << "no robust futex lists here: a killed node looks alive";                       \
   } while (0)
 constexpr int kChildTimeoutMs = 20000;
 
@@ -89,27 +91,14 @@ class ChildProcess {
     ::kill(pid_, SIGKILL);
     return wait();
   }
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_;
   bool reaped_ = false;
 };
 
-// Node ids private to this test process (ctest runs tests in parallel processes), clear of the
-// runtime's placeholders 0x0F01 and 0x0FF0.
-inline uint16_t testNid(unsigned index) {
-  return static_cast<uint16_t>(0x2000u + ((static_cast<unsigned>(getpid()) * 16u + index) % 0xD000u));
-}
-
-// Removes a test node's mailbox when the test ends, whatever happened to the node.
-class MailboxCleanup {
- public:
-  explicit MailboxCleanup(uint16_t nid) : nid_(nid) {}
-  ~MailboxCleanup() { shm_unlink(mailboxObjectName(nid_).c_str()); }
-
- private:
-  uint16_t nid_;
-};
+inline uint16_t testNid() { return OlmTest::nextTestNid(); }
 
 // Serves nid in this process without pinning; a server init that succeeds must give a handle.
 inline int becomeNode(uint16_t nid) {
@@ -118,11 +107,11 @@ inline int becomeNode(uint16_t nid) {
   return rc == 0 && handle == 0 ? -1 : rc;
 }
 
-// A node process that serves nid and idles until killed; its mailbox goes when the test ends.
+// A node process that serves nid and idles until killed.
 class IdleNode {
  public:
   explicit IdleNode(uint16_t nid)
-      : cleanup_(nid), process_([this, nid] {
+      : process_([this, nid] {
           up_.notify(becomeNode(nid) == 0 ? 1 : 2);
           pause();
           return 0;
@@ -132,7 +121,6 @@ class IdleNode {
   int kill() { return process_.kill(); }
 
  private:
-  MailboxCleanup cleanup_;
   Rendezvous up_;
   ChildProcess process_;
 };

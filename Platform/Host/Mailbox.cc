@@ -8,7 +8,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,55 +16,22 @@
 #include <cstring>
 #include <string>
 
+#include "Futex.h"
 #include "HostEnvironment.h"
 #include "MessagePool.h"
-#include "SysComFields.h"
+#include "ProcessIdentity.h"
 
 namespace rhyddal {
 namespace {
 
-constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
-constexpr long kNanosecondsPerSecond = 1000000000L;
-
-// 32-bit builds with a 64-bit time_t need the time64 variant of the futex call.
-long futexCall(std::atomic<uint32_t>* word, int operation, uint32_t value, const timespec* timeout) {
-#if defined(SYS_futex_time64) && !defined(__LP64__)
-  if (sizeof(timeout->tv_sec) == 8) {
-    return syscall(SYS_futex_time64, word, operation, value, timeout, nullptr, FUTEX_BITSET_MATCH_ANY);
-  }
+#ifdef __GLIBC__
+// The liveness probe reads the robust mutex's futex word, which glibc keeps first in the mutex on
+// every architecture; Mailbox::create checks at run time that it holds the owner's thread id.
+static_assert(offsetof(pthread_mutex_t, __data.__lock) == 0, "glibc keeps the futex word first");
+static_assert(sizeof(pthread_mutex_t{}.__data.__lock) == 4, "the futex word is 32 bits");
 #endif
-  return syscall(SYS_futex, word, operation, value, timeout, nullptr, FUTEX_BITSET_MATCH_ANY);
-}
 
-// Shared (not FUTEX_PRIVATE_FLAG): waiter and wakers are different processes. The deadline is
-// absolute on CLOCK_MONOTONIC, so retries after spurious wake-ups never stretch the wait.
-void futexWaitUntil(std::atomic<uint32_t>* word, uint32_t expected, const timespec* deadline) {
-  futexCall(word, FUTEX_WAIT_BITSET, expected, deadline);
-}
-
-void futexWakeOne(std::atomic<uint32_t>* word) { futexCall(word, FUTEX_WAKE_BITSET, 1, nullptr); }
-
-timespec monotonicNow() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
-}
-
-timespec deadlineAfter(uint32_t seconds, uint32_t nanoseconds) {
-  timespec deadline = monotonicNow();
-  deadline.tv_sec += static_cast<time_t>(seconds + nanoseconds / kNanosecondsPerSecond);
-  deadline.tv_nsec += static_cast<long>(nanoseconds % kNanosecondsPerSecond);
-  if (deadline.tv_nsec >= kNanosecondsPerSecond) {
-    deadline.tv_nsec -= kNanosecondsPerSecond;
-    ++deadline.tv_sec;
-  }
-  return deadline;
-}
-
-bool reached(const timespec& deadline) {
-  const timespec now = monotonicNow();
-  return now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
-}
+constexpr uint64_t kSpinCheckEvery = 64;  // empty checks between two clock reads while spinning
 
 class FileDescriptor {
  public:
@@ -85,7 +51,7 @@ class FileDescriptor {
 // start-ups of one nid can never both win. flock is released by the kernel if we die holding it.
 class NodeStartLock {
  public:
-  NodeStartLock() : fd_(open(nodeStartLockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+  NodeStartLock() : fd_(::open(nodeStartLockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
     if (fd_.get() >= 0) {
       while (flock(fd_.get(), LOCK_EX) != 0 && errno == EINTR) {
       }
@@ -97,49 +63,57 @@ class NodeStartLock {
   FileDescriptor fd_;
 };
 
-int initialiseRobustMutex(LockSlot& slot) {
+uint32_t threadId() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+
+// The mutex's futex word. Acquire: pairs with nothing in particular (the kernel's robust-list walk
+// and glibc's lock are the writers); it only keeps later reads of the mailbox after the probe.
+uint32_t futexWordOf(const LockSlot& slot) {
+  return __atomic_load_n(reinterpret_cast<const uint32_t*>(slot.bytes), __ATOMIC_ACQUIRE);
+}
+
+bool ownerLockHeld(const MailboxHeader& header) {
+  return header.ownerTid != 0 && (futexWordOf(header.ownerLock) & FUTEX_TID_MASK) == header.ownerTid;
+}
+
+int initialiseOwnerLock(LockSlot& slot) {
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
   pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
   pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  const int rc = pthread_mutex_init(mutexIn(slot), &attributes);
+  int rc = pthread_mutex_init(mutexIn(slot), &attributes);
   pthread_mutexattr_destroy(&attributes);
-  return rc;
-}
-
-// The outcome of a trylock on a robust mutex someone else is expected to hold.
-bool heldByLiveOwner(LockSlot& slot) {
-  const int rc = pthread_mutex_trylock(mutexIn(slot));
-  if (rc == EBUSY) return true;
-  if (rc == EOWNERDEAD) pthread_mutex_consistent(mutexIn(slot));
-  if (rc == 0 || rc == EOWNERDEAD) pthread_mutex_unlock(mutexIn(slot));
-  return false;
+  if (rc == 0) rc = pthread_mutex_lock(mutexIn(slot));
+  if (rc != 0) return -rc;
+  if ((futexWordOf(slot) & FUTEX_TID_MASK) != threadId()) {
+    pthread_mutex_unlock(mutexIn(slot));
+    return -ENOTSUP;
+  }
+  return 0;
 }
 
 bool layoutMatches(const MailboxHeader& header) {
-  return header.layoutVersion == kMailboxLayoutVersion && header.lockAbi == hostLockAbi();
+  return header.layoutVersion == kMailboxLayoutVersion && header.lockAbi == hostLockAbi() &&
+         header.laneCount == kLaneCount;
 }
 
-bool ringSizeIsSound(uint32_t ringBytes, size_t objectBytes) {
-  const bool powerOfTwo = ringBytes != 0 && (ringBytes & (ringBytes - 1)) == 0;
-  return powerOfTwo && ringBytes >= kMinRingBytes && ringBytes <= kMaxRingBytes &&
-         kRingOffset + ringBytes <= objectBytes;
+bool laneSizeIsSound(uint32_t laneBytes) {
+  const bool powerOfTwo = laneBytes != 0 && (laneBytes & (laneBytes - 1)) == 0;
+  return powerOfTwo && laneBytes >= kMinLaneBytes && laneBytes <= kMaxLaneBytes;
 }
 
 // Decides whether the object under the name belongs to a live node. A mailbox of an incompatible
 // build cannot be probed through its lock; its recorded pid is the best evidence left.
 bool existingMailboxIsLive(int fd) {
   struct stat status {};
-  if (fstat(fd, &status) != 0 || static_cast<size_t>(status.st_size) < kRingOffset) return false;
-  void* mapping = mmap(nullptr, kRingOffset, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (fstat(fd, &status) != 0 || static_cast<size_t>(status.st_size) < sizeof(MailboxHeader)) return false;
+  void* mapping = mmap(nullptr, sizeof(MailboxHeader), PROT_READ, MAP_SHARED, fd, 0);
   if (mapping == MAP_FAILED) return false;
-  auto* header = static_cast<MailboxHeader*>(mapping);
+  const auto* header = static_cast<const MailboxHeader*>(mapping);
   bool live = false;
   if (header->magic.load(std::memory_order_acquire) == kMailboxMagic) {
-    live = layoutMatches(*header) ? heldByLiveOwner(header->ownerLock)
-                                  : kill(static_cast<pid_t>(header->ownerPid), 0) == 0;
+    live = layoutMatches(*header) ? ownerLockHeld(*header) : kill(static_cast<pid_t>(header->ownerPid), 0) == 0;
   }
-  munmap(mapping, kRingOffset);
+  munmap(mapping, sizeof(MailboxHeader));
   return live;
 }
 
@@ -151,24 +125,24 @@ int removeDeadMailbox(const std::string& name) {
   return 0;
 }
 
-int initialiseHeader(MailboxHeader* header, uint16_t nid, uint32_t ringBytes) {
+int initialiseHeader(MailboxHeader* header, uint16_t nid, uint32_t laneBytes) {
   header->layoutVersion = kMailboxLayoutVersion;
-  header->ringBytes = ringBytes;
   header->nid = nid;
+  header->laneCount = kLaneCount;
+  header->laneBytes = laneBytes;
   header->lockAbi = hostLockAbi();
   header->ownerPid = static_cast<uint32_t>(getpid());
-  int rc = initialiseRobustMutex(header->producerLock);
-  if (rc == 0) rc = initialiseRobustMutex(header->ownerLock);
-  if (rc == 0) rc = pthread_mutex_lock(mutexIn(header->ownerLock));
-  if (rc != 0) return -rc;
-  header->magic.store(kMailboxMagic, std::memory_order_release);
+  header->ownerTid = threadId();
+  const int rc = initialiseOwnerLock(header->ownerLock);
+  if (rc != 0) return rc;
+  header->magic.store(kMailboxMagic, std::memory_order_release);  // pairs with the acquire in open
   return 0;
 }
 
 }  // namespace
 
-int Mailbox::create(uint16_t nid, uint32_t ringBytes, std::unique_ptr<Mailbox>* out) {
-  if (!ringSizeIsSound(ringBytes, kRingOffset + size_t{ringBytes})) return -EINVAL;
+int Mailbox::create(uint16_t nid, uint32_t laneBytes, std::unique_ptr<Mailbox>* out) {
+  if (!laneSizeIsSound(laneBytes) || !namespaceUsable()) return -EINVAL;
   NodeStartLock startLock;
   if (!startLock.held()) return -errno;
   const std::string name = mailboxObjectName(nid);
@@ -176,20 +150,16 @@ int Mailbox::create(uint16_t nid, uint32_t ringBytes, std::unique_ptr<Mailbox>* 
   if (rc != 0) return rc;
   FileDescriptor fd(shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (fd.get() < 0) return errno == EEXIST ? -EADDRINUSE : -errno;
-  const size_t objectBytes = kRingOffset + ringBytes;
+  const size_t objectBytes = mailboxBytes(laneBytes);
   struct stat status {};
-  if (ftruncate(fd.get(), static_cast<off_t>(objectBytes)) != 0 || fstat(fd.get(), &status) != 0) {
+  void* mapping = MAP_FAILED;
+  if (ftruncate(fd.get(), static_cast<off_t>(objectBytes)) != 0 || fstat(fd.get(), &status) != 0 ||
+      (mapping = mmap(nullptr, objectBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0)) == MAP_FAILED) {
     rc = -errno;
     shm_unlink(name.c_str());
     return rc;
   }
-  void* mapping = mmap(nullptr, objectBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-  if (mapping == MAP_FAILED) {
-    rc = -errno;
-    shm_unlink(name.c_str());
-    return rc;
-  }
-  rc = initialiseHeader(new (mapping) MailboxHeader{}, nid, ringBytes);
+  rc = initialiseHeader(new (mapping) MailboxHeader{}, nid, laneBytes);
   if (rc != 0) {
     munmap(mapping, objectBytes);
     shm_unlink(name.c_str());
@@ -202,19 +172,21 @@ int Mailbox::create(uint16_t nid, uint32_t ringBytes, std::unique_ptr<Mailbox>* 
 }
 
 int Mailbox::open(uint16_t nid, std::shared_ptr<Mailbox>* out) {
+  if (!namespaceUsable()) return -EINVAL;
   FileDescriptor fd(shm_open(mailboxObjectName(nid).c_str(), O_RDWR | O_CLOEXEC, 0));
   if (fd.get() < 0) return errno == ENOENT ? -EHOSTUNREACH : -errno;
   struct stat status {};
   if (fstat(fd.get(), &status) != 0) return -errno;
   const size_t objectBytes = static_cast<size_t>(status.st_size);
-  if (objectBytes < kRingOffset) return -EHOSTUNREACH;
+  if (objectBytes < sizeof(MailboxHeader)) return -EHOSTUNREACH;
   void* mapping = mmap(nullptr, objectBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
   if (mapping == MAP_FAILED) return -errno;
   const auto* header = static_cast<const MailboxHeader*>(mapping);
   int rc = 0;
   if (header->magic.load(std::memory_order_acquire) != kMailboxMagic) {
     rc = -EHOSTUNREACH;
-  } else if (!layoutMatches(*header) || header->nid != nid || !ringSizeIsSound(header->ringBytes, objectBytes)) {
+  } else if (!layoutMatches(*header) || header->nid != nid || !laneSizeIsSound(header->laneBytes) ||
+             mailboxBytes(header->laneBytes) > objectBytes) {
     rc = -EPROTO;
   }
   if (rc != 0) {
@@ -227,165 +199,215 @@ int Mailbox::open(uint16_t nid, std::shared_ptr<Mailbox>* out) {
 
 Mailbox::Mailbox(void* mapping, size_t mappedBytes, bool owner)
     : header_(static_cast<MailboxHeader*>(mapping)),
-      ring_(static_cast<unsigned char*>(mapping) + kRingOffset),
+      rings_(static_cast<unsigned char*>(mapping) + kLanesOffset),
       mappedBytes_(mappedBytes),
-      ringBytes_(header_->ringBytes),
+      laneBytes_(header_->laneBytes),
       nid_(static_cast<uint16_t>(header_->nid)),
       owner_(owner) {}
 
 // The owner unlocks before unmapping: the C library keeps held robust mutexes on a per-thread
 // list and would otherwise follow a link into memory that is gone.
 Mailbox::~Mailbox() {
+  if (lane_ >= 0) {
+    uint64_t mine = thisProcessIdentity();
+    header_->lanes[lane_].owner.compare_exchange_strong(mine, 0, std::memory_order_release);
+  }
   if (owner_) pthread_mutex_unlock(mutexIn(header_->ownerLock));
   munmap(header_, mappedBytes_);
 }
 
+bool Mailbox::ownerAlive() const { return owner_ || ownerLockHeld(*header_); }
+
 PushResult Mailbox::push(const void* payload, uint32_t length, RecordKind kind) {
-  const uint64_t recordBytes = recordBytesFor(length);
-  if (length > kMaxBufferBytes || recordBytes > ringBytes_ / 2) return PushResult::kTooLarge;
-  if (!lockProducers()) return PushResult::kLockBroken;
-  uint32_t tail = header_->tail.load(std::memory_order_relaxed);
-  const uint32_t head = header_->head.load(std::memory_order_acquire);
-  const uint32_t position = tail & (ringBytes_ - 1);
-  const uint32_t untilEnd = ringBytes_ - position;
+  const uint32_t recordBytes = recordBytesFor(length);
+  if (length > kMaxBufferBytes || recordBytes > laneBytes_ / 2) return PushResult::kTooLarge;
+  if (lane_ < 0 && !claimLane()) return PushResult::kNoLane;
+  LaneControl& control = header_->lanes[lane_];
+  const uint32_t tail = bytesOf(producerTail_);
+  if (tail % kRecordAlignment != 0) return PushResult::kLaneDamaged;
+  const uint32_t position = tail & (laneBytes_ - 1);
+  const uint32_t untilEnd = laneBytes_ - position;
   const uint32_t padding = untilEnd < recordBytes ? untilEnd : 0;
-  if (uint64_t{tail - head} + padding + recordBytes > ringBytes_) {
-    pthread_mutex_unlock(mutexIn(header_->producerLock));
-    return PushResult::kFull;
+  const uint64_t needed = uint64_t{padding} + recordBytes;
+  if (uint64_t{tail - knownHead_} + needed > laneBytes_) {
+    // Acquire: pairs with the consumer's release store of head, so the space it gave back is
+    // no longer being read when we overwrite it.
+    knownHead_ = bytesOf(control.head.load(std::memory_order_acquire));
+    if (uint64_t{tail - knownHead_} + needed > laneBytes_) return PushResult::kFull;
   }
+  unsigned char* ring = rings_ + size_t{static_cast<uint32_t>(lane_)} * laneBytes_;
   if (padding != 0) {
     const RecordHeader marker{kWrapMarker, 0, 0};
-    std::memcpy(ring_ + position, &marker, sizeof(marker));
-    tail += padding;
+    std::memcpy(ring + position, &marker, sizeof(marker));
   }
-  writeRecord(tail & (ringBytes_ - 1), payload, length, kind);
-  header_->publishedCount.fetch_add(1, std::memory_order_relaxed);
-  header_->tail.store(tail + static_cast<uint32_t>(recordBytes), std::memory_order_seq_cst);
-  pthread_mutex_unlock(mutexIn(header_->producerLock));
-  wakeConsumer();
+  const uint32_t start = (tail + padding) & (laneBytes_ - 1);
+  const RecordHeader record{length, static_cast<uint16_t>(kind), 0};
+  std::memcpy(ring + start, &record, sizeof(record));
+  std::memcpy(ring + start + sizeof(record), payload, length);
+  producerTail_ = laneIndex(recordsOf(producerTail_) + 1, tail + static_cast<uint32_t>(needed));
+  // Release: pairs with the consumer's acquire load of tail; the record's bytes are visible first.
+  control.tail.store(producerTail_, std::memory_order_release);
+  notifyConsumer(static_cast<uint32_t>(lane_));
   return PushResult::kDelivered;
 }
 
-// A sender that died holding the lock never advanced tail, so whatever it half wrote lies beyond
-// the published end of the ring: marking the lock consistent is all the repair needed.
-bool Mailbox::lockProducers() {
-  const int rc = pthread_mutex_lock(mutexIn(header_->producerLock));
-  if (rc == EOWNERDEAD) return pthread_mutex_consistent(mutexIn(header_->producerLock)) == 0;
-  return rc == 0;
+// A free lane first; else the lane of a sending process that is gone (read from /proc, which is
+// why this is only done when a process first sends to a node).
+bool Mailbox::claimLane() {
+  const uint64_t me = thisProcessIdentity();
+  int chosen = -1;
+  bool inherited = false;
+  for (uint32_t i = 0; i < kLaneCount && chosen < 0; ++i) {
+    uint64_t expected = 0;
+    if (header_->lanes[i].owner.compare_exchange_strong(expected, me, std::memory_order_acq_rel)) chosen = static_cast<int>(i);
+  }
+  for (uint32_t i = 0; i < kLaneCount && chosen < 0; ++i) {
+    uint64_t current = header_->lanes[i].owner.load(std::memory_order_acquire);
+    if (current == 0 || current == me || processIdentityAlive(current)) continue;
+    if (header_->lanes[i].owner.compare_exchange_strong(current, me, std::memory_order_acq_rel)) {
+      chosen = static_cast<int>(i);
+      inherited = true;
+    }
+  }
+  if (chosen < 0) return false;
+  lane_ = chosen;
+  LaneControl& control = header_->lanes[lane_];
+  producerTail_ = control.tail.load(std::memory_order_acquire);
+  knownHead_ = bytesOf(control.head.load(std::memory_order_acquire));
+  // A predecessor may have died between publishing a record and announcing it.
+  if (inherited) notifyConsumer(static_cast<uint32_t>(lane_));
+  return true;
 }
 
-// The sequence bump comes after tail was published, and waiterAsleep is read after it: a consumer
-// that set waiterAsleep and still saw the ring empty is either woken here or finds the sequence
-// changed when it enters the futex wait.
-void Mailbox::wakeConsumer() {
-  header_->wakeSequence.fetch_add(1, std::memory_order_seq_cst);
-  if (header_->waiterAsleep.load(std::memory_order_seq_cst) != 0) futexWakeOne(&header_->wakeSequence);
+// fetch_or (seq_cst) pairs with the consumer's exchange of pending (a consumer that collects the
+// bit sees the tail stored before it) and, against waitForRecord's seq_cst store of waiterAsleep
+// followed by its load of pending, guarantees that either the consumer sees the bit before it
+// sleeps or we see waiterAsleep set here. Only the producer that turns waiterAsleep back to 0
+// makes the wake-up call: one system call per sleep, however many senders arrive.
+void Mailbox::notifyConsumer(uint32_t lane) {
+  header_->pending.fetch_or(uint64_t{1} << lane, std::memory_order_seq_cst);
+  if (header_->waiterAsleep.load(std::memory_order_seq_cst) != 0 &&
+      header_->waiterAsleep.exchange(0, std::memory_order_seq_cst) != 0) {
+    header_->wakeSequence.fetch_add(1, std::memory_order_seq_cst);
+    futexWake(&header_->wakeSequence, 1);
+  }
 }
 
-void Mailbox::writeRecord(uint32_t position, const void* payload, uint32_t length, RecordKind kind) {
-  const RecordHeader record{length, static_cast<uint16_t>(kind), 0};
-  std::memcpy(ring_ + position, &record, sizeof(record));
-  std::memcpy(ring_ + position + sizeof(record), payload, length);
+LaneView Mailbox::laneView(uint32_t lane) const {
+  return LaneView{&header_->lanes[lane], rings_ + size_t{lane} * laneBytes_, laneBytes_, nid_};
 }
 
-bool Mailbox::ownerAlive() { return owner_ || heldByLiveOwner(header_->ownerLock); }
+// Acquire via the exchange: pairs with producers' fetch_or (see notifyConsumer). The plain load
+// first keeps an idle poll free of a locked instruction.
+bool Mailbox::collectPending() {
+  if (header_->pending.load(std::memory_order_relaxed) != 0) {
+    localPending_ |= header_->pending.exchange(0, std::memory_order_acq_rel);
+    anyLocalPending_.store(localPending_ != 0, std::memory_order_relaxed);
+  }
+  return localPending_ != 0;
+}
 
+uint32_t Mailbox::nextPendingLane() const {
+  const uint64_t rotated = cursor_ == 0 ? localPending_ : (localPending_ >> cursor_) | (localPending_ << (kLaneCount - cursor_));
+  return (cursor_ + static_cast<uint32_t>(__builtin_ctzll(rotated))) % kLaneCount;
+}
+
+void Mailbox::forgetLane(uint32_t lane) {
+  localPending_ &= ~(uint64_t{1} << lane);
+  anyLocalPending_.store(localPending_ != 0, std::memory_order_relaxed);
+}
+
+// A lane is forgotten as soon as head reaches the tail last read: a record published after that
+// read sets the lane's bit in pending again, since its fetch_or comes after our last exchange.
 void* Mailbox::pop(MessagePool& pool) {
   for (;;) {
-    const uint32_t head = header_->head.load(std::memory_order_relaxed);
-    const uint32_t tail = header_->tail.load(std::memory_order_acquire);
-    if (head == tail) return nullptr;
-    const uint32_t position = head & (ringBytes_ - 1);
-    RecordHeader record{};
-    std::memcpy(&record, ring_ + position, sizeof(record));
-    if (!recordIsSound(position, tail - head, record)) {
-      discardDamagedRing(head, tail);
-      return nullptr;
+    if (localPending_ == 0 && !collectPending()) return nullptr;
+    const uint32_t lane = nextPendingLane();
+    void* message = nullptr;
+    switch (readLane(laneView(lane), &knownTails_[lane], pool, &message)) {
+      case LaneRead::kMessage:
+        cursor_ = (lane + 1) % kLaneCount;
+        if (bytesOf(header_->lanes[lane].head.load(std::memory_order_relaxed)) == bytesOf(knownTails_[lane])) {
+          forgetLane(lane);
+        }
+        return message;
+      case LaneRead::kAgain:
+        break;
+      case LaneRead::kEmpty:
+        forgetLane(lane);
+        break;
+      case LaneRead::kNoBuffer:
+        return nullptr;
     }
-    if (record.length == kWrapMarker) {
-      advanceHead(head, ringBytes_ - position, false);
-      continue;
+  }
+}
+
+void Mailbox::collectAllLanes() {
+  for (uint32_t lane = 0; lane < kLaneCount; ++lane) {
+    const LaneControl& control = header_->lanes[lane];
+    if (bytesOf(control.head.load(std::memory_order_relaxed)) != bytesOf(control.tail.load(std::memory_order_acquire))) {
+      localPending_ |= uint64_t{1} << lane;
     }
-    void* copy = pool.allocate(record.length);
-    if (copy == nullptr) return nullptr;
-    std::memcpy(copy, ring_ + position + sizeof(record), record.length);
-    advanceHead(head, recordBytesFor(record.length), true);
-    if (messageIsSound(copy, record)) return copy;
-    pool.release(copy);
   }
+  anyLocalPending_.store(localPending_ != 0, std::memory_order_relaxed);
 }
 
-// Bounds of a record as read from shared memory, checked before anything is copied out of it.
-bool Mailbox::recordIsSound(uint32_t position, uint32_t available, const RecordHeader& record) const {
-  if (record.length == kWrapMarker) return ringBytes_ - position <= available;
-  if (record.length > kMaxBufferBytes) return false;
-  const uint32_t recordBytes = recordBytesFor(record.length);
-  return recordBytes <= available && position + recordBytes <= ringBytes_;
+// seq_cst load of pending: the second half of the waiter's side of the handshake in
+// notifyConsumer (store waiterAsleep, then load pending).
+bool Mailbox::mayHaveRecords() const {
+  return anyLocalPending_.load(std::memory_order_relaxed) || header_->pending.load(std::memory_order_seq_cst) != 0;
 }
 
-// Checked on the private copy, so a sender scribbling on the ring cannot change what was checked.
-// A raw event may be larger than the message it carries; an ordinary message is exactly as long
-// as its header says.
-bool Mailbox::messageIsSound(const void* copy, const RecordHeader& record) const {
-  if (record.length < kSysComHeaderBytes) {
-    std::fprintf(stderr, "rhyddal: node 0x%04x dropped a message of %u bytes, shorter than a message header\n",
-                 static_cast<unsigned>(nid_), static_cast<unsigned>(record.length));
-    return false;
-  }
-  const uint32_t totalLength = sysComTotalLength(copy);
-  const bool sound = record.kind == static_cast<uint16_t>(RecordKind::kRawEvent)
-                         ? totalLength >= kSysComHeaderBytes && totalLength <= record.length
-                         : totalLength == record.length;
-  if (!sound) {
-    std::fprintf(stderr, "rhyddal: node 0x%04x dropped a message of %u bytes whose header says %u\n",
-                 static_cast<unsigned>(nid_), static_cast<unsigned>(record.length),
-                 static_cast<unsigned>(totalLength));
-  }
-  return sound;
-}
-
-void Mailbox::discardDamagedRing(uint32_t head, uint32_t tail) {
-  std::fprintf(stderr, "rhyddal: node 0x%04x found a damaged record in its mailbox and dropped %u queued bytes\n",
-               static_cast<unsigned>(nid_), static_cast<unsigned>(tail - head));
-  advanceHead(head, tail - head, false);
-}
-
-void Mailbox::advanceHead(uint32_t head, uint32_t bytes, bool countRecord) {
-  if (countRecord) header_->consumedCount.fetch_add(1, std::memory_order_relaxed);
-  header_->head.store(head + bytes, std::memory_order_release);
-}
-
-bool Mailbox::empty() const {
-  return header_->head.load(std::memory_order_relaxed) == header_->tail.load(std::memory_order_seq_cst);
-}
-
-// The sequence is read before waiterAsleep is set and the ring re-checked; a send that lands after
-// the re-check changes the sequence, so the futex wait returns at once instead of sleeping on it.
-bool Mailbox::waitForRecord(uint32_t seconds, uint32_t nanoseconds) {
-  if (!empty()) return true;
+// The sequence is read before waiterAsleep is set and the summary re-checked; a send that lands
+// after the re-check changes the sequence, so the futex wait returns at once instead of sleeping.
+bool Mailbox::waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs) {
+  if (mayHaveRecords()) return true;
   const bool limited = seconds != kNoTimeLimit;
-  const timespec deadline = limited ? deadlineAfter(seconds, nanoseconds) : timespec{};
+  // The clock is read only when something depends on it: an unlimited wait without spinning
+  // goes straight to the futex.
+  const timespec now = limited || spinNs != 0 ? monotonicNow() : timespec{};
+  const timespec deadline = limited ? deadlineAfter(now, seconds, nanoseconds) : timespec{};
+  if (spinNs != 0) {
+    const timespec spinUntil = deadlineAfter(now, 0, static_cast<uint32_t>(spinNs));
+    for (uint64_t checks = 1;; ++checks) {
+      if (mayHaveRecords()) return true;
+      if (checks % kSpinCheckEvery == 0 && (reached(spinUntil) || (limited && reached(deadline)))) break;
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+      asm volatile("yield" ::: "memory");
+#endif
+    }
+  }
   for (;;) {
     const uint32_t sequence = header_->wakeSequence.load(std::memory_order_seq_cst);
     header_->waiterAsleep.store(1, std::memory_order_seq_cst);
-    if (!empty()) break;
+    if (mayHaveRecords()) break;
     futexWaitUntil(&header_->wakeSequence, sequence, limited ? &deadline : nullptr);
     header_->waiterAsleep.store(0, std::memory_order_relaxed);
-    if (!empty()) return true;
+    if (mayHaveRecords()) return true;
     if (limited && reached(deadline)) return false;
   }
   header_->waiterAsleep.store(0, std::memory_order_relaxed);
   return true;
 }
 
-uint32_t Mailbox::waitingRecords() const {
-  return header_->publishedCount.load(std::memory_order_relaxed) -
-         header_->consumedCount.load(std::memory_order_relaxed);
+// Head before tail: tail never falls behind a head read earlier, so no difference is negative.
+// Relaxed: these are statistics, read while the lanes move.
+Mailbox::FillLevel Mailbox::fillLevel() const {
+  FillLevel level{0, 0};
+  for (const LaneControl& control : header_->lanes) {
+    const uint64_t head = control.head.load(std::memory_order_relaxed);
+    const uint64_t tail = control.tail.load(std::memory_order_relaxed);
+    level.records += recordsOf(tail) - recordsOf(head);
+    level.bytes += bytesOf(tail) - bytesOf(head);
+  }
+  return level;
 }
 
-uint32_t Mailbox::usedBytes() const {
-  return header_->tail.load(std::memory_order_relaxed) - header_->head.load(std::memory_order_relaxed);
-}
+void Mailbox::markTimingPageInUse() { header_->timingPageInUse.store(1, std::memory_order_release); }
+
+bool Mailbox::timingPageInUse() const { return header_->timingPageInUse.load(std::memory_order_acquire) != 0; }
 
 void Mailbox::unlinkName() {
   if (!owner_) return;
@@ -396,13 +418,14 @@ void Mailbox::unlinkName() {
 }
 
 void removeMailboxOfDeadNode(uint16_t nid) {
+  if (!namespaceUsable()) return;
   NodeStartLock startLock;
   if (startLock.held()) removeDeadMailbox(mailboxObjectName(nid));
 }
 
 std::vector<uint16_t> listMailboxNids() {
   std::vector<uint16_t> nids;
-  const std::string prefix = userObjectPrefix() + "node-";
+  const std::string prefix = objectPrefix() + "node-";
   DIR* directory = opendir(kShmDirectory);
   if (directory == nullptr) return nids;
   while (const dirent* entry = readdir(directory)) {

@@ -1,18 +1,21 @@
-// A node's receive mailbox: a POSIX shared-memory ring (layout in MailboxLayout.h) with futex
-// wake-ups and liveness through a robust mutex held by the owning node.
+// A node's receive mailbox: POSIX shared memory holding one single-producer ring ("lane") per
+// sending process (layout and protocols in MailboxLayout.h), with futex wake-ups and a lock-free
+// liveness probe of the owning node.
 //
 // Why shared memory and not sockets: the runtime polls for messages on every loop iteration, and
-// an empty check here is two atomic loads, no system call. A send is one copy into the ring and a
-// wake-up system call only when the receiver actually sleeps.
+// an empty check here is two loads, no system call. A send is one copy into the sender's lane and
+// a wake-up system call only when the receiver actually sleeps.
 #pragma once
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
+#include "LaneReader.h"
 #include "MailboxLayout.h"
 
 namespace rhyddal {
@@ -21,45 +24,67 @@ class MessagePool;
 
 enum class PushResult {
   kDelivered,
-  kFull,       // the receiver's ring has no room: the send fails at once, it never waits
-  kTooLarge,   // a record that could never fit the ring
-  kLockBroken  // the producer lock cannot be taken
+  kFull,         // the sender's lane has no room: the send fails at once, it never waits
+  kTooLarge,     // a record that could never fit a lane
+  kNoLane,       // every lane belongs to another live sending process
+  kLaneDamaged,  // the lane's published end is not where a record can start (someone wrote it)
 };
 
 class Mailbox {
  public:
   // Creates the mailbox of nid and makes the calling thread its owner for the rest of the
-  // thread's life. A mailbox left behind by a dead node of the same nid is replaced.
-  // Returns 0, -EADDRINUSE when a live node owns nid, or a negative errno of the system calls.
-  static int create(uint16_t nid, uint32_t ringBytes, std::unique_ptr<Mailbox>* out);
+  // thread's life. A mailbox left behind by a dead node of the same nid is replaced. Returns 0,
+  // -EINVAL for a lane size that is not a power of two within [kMinLaneBytes, kMaxLaneBytes] or
+  // an unusable RHYDDAL_NAMESPACE, -EADDRINUSE when a live node owns nid, -ENOTSUP when the C
+  // library's mutex does not keep its owner's thread id where the probe reads it, or the negated
+  // errno of a failed system call.
+  static int create(uint16_t nid, uint32_t laneBytes, std::unique_ptr<Mailbox>* out);
   // Maps nid's mailbox for sending. Returns 0, -EHOSTUNREACH when no node has (finished)
-  // creating it, -EPROTO when it was made by an incompatible build, or a negative errno.
+  // creating it, -EPROTO when it was made by an incompatible build, -EINVAL for an unusable
+  // RHYDDAL_NAMESPACE, or the negated errno of a failed system call.
   static int open(uint16_t nid, std::shared_ptr<Mailbox>* out);
+  // Gives this process's lane back, so another sender can claim it; records already published
+  // in it are still delivered.
   ~Mailbox();
   Mailbox(const Mailbox&) = delete;
   Mailbox& operator=(const Mailbox&) = delete;
 
   uint16_t nid() const { return nid_; }
-  uint32_t ringBytes() const { return ringBytes_; }
+  uint32_t laneBytes() const { return laneBytes_; }
 
-  // Producer side (any process, any thread).
+  // Producer side: any process; the threads of one process serialise their pushes to one
+  // mailbox object (the event machine's lock does). The first push claims a lane.
   PushResult push(const void* payload, uint32_t length, RecordKind kind);
-  // True while the owning node's server thread lives. No system call while it does.
-  bool ownerAlive();
+  // True while the owning node's server thread lives. Reads one word; no lock, no system call.
+  bool ownerAlive() const;
 
-  // Consumer side (the owner only).
+  // Consumer side: the owner only, serialised by the caller.
   // The next valid record copied into a pool buffer, or null when none is waiting (or the pool is
-  // out of buffers; the record then stays queued). Records whose SysCom header disagrees with
-  // their length are dropped with one line on stderr.
+  // out of buffers; the record then stays queued). Lanes with records are served round-robin, one
+  // record each, so one busy sender cannot starve the others; each lane keeps its sender's order.
   void* pop(MessagePool& pool);
-  bool empty() const;
-  // Sleeps until a record is waiting or the time has passed (seconds 0xFFFFFFFF: no limit).
-  // True when a record is waiting.
-  bool waitForRecord(uint32_t seconds, uint32_t nanoseconds);
+  // Picks up lanes with records whose summary bit was never set (their sender died between
+  // publishing and announcing). Costs two loads per lane: for slow paths (a timed-out wait).
+  void collectAllLanes();
 
-  // Fill level, read by anyone (the queue table).
-  uint32_t waitingRecords() const;
-  uint32_t usedBytes() const;
+  // Any thread, no lock: false only when no record can be waiting. Two loads.
+  bool mayHaveRecords() const;
+  // Spins up to spinNs (never past the deadline), then sleeps until a record may be waiting or the
+  // time has passed (seconds kNoTimeLimit: no limit). True when a record may be waiting.
+  bool waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs);
+
+  // Fill level, read by anyone (the queue table). Never skewed by a sender that died mid-send.
+  struct FillLevel {
+    uint32_t records;  // published and not yet consumed
+    uint64_t bytes;    // of the lanes, wrap padding included
+  };
+  FillLevel fillLevel() const;
+  uint32_t waitingRecords() const { return fillLevel().records; }
+  uint64_t ringBytes() const { return uint64_t{kLaneCount} * laneBytes_; }
+
+  // rhyddal_host_timing_page_in_use of the node's process, visible to the timing updater.
+  void markTimingPageInUse();
+  bool timingPageInUse() const;
 
   // Owner only: removes the public name if it still names this mailbox (orderly exit).
   void unlinkName();
@@ -68,25 +93,37 @@ class Mailbox {
 
  private:
   Mailbox(void* mapping, size_t mappedBytes, bool owner);
-  bool lockProducers();
-  void wakeConsumer();
-  void writeRecord(uint32_t position, const void* payload, uint32_t length, RecordKind kind);
-  bool recordIsSound(uint32_t position, uint32_t available, const RecordHeader& record) const;
-  bool messageIsSound(const void* copy, const RecordHeader& record) const;
-  void discardDamagedRing(uint32_t head, uint32_t tail);
-  void advanceHead(uint32_t head, uint32_t bytes, bool countRecord);
+  bool claimLane();
+  void notifyConsumer(uint32_t lane);
+  LaneView laneView(uint32_t lane) const;
+  bool collectPending();
+  uint32_t nextPendingLane() const;
+  void forgetLane(uint32_t lane);
 
   MailboxHeader* header_;
-  unsigned char* ring_;
+  unsigned char* rings_;
   size_t mappedBytes_;
-  uint32_t ringBytes_;
+  uint32_t laneBytes_;
   uint16_t nid_;
   bool owner_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
+
+  // Producer state of this process's lane: the copy of tail we alone store, and the last head
+  // we read (refreshed only when the lane looks full).
+  int lane_ = -1;
+  uint64_t producerTail_ = 0;
+  uint32_t knownHead_ = 0;
+
+  // Consumer state: lanes known to have records (collected from the shared summary), where the
+  // round-robin continues, and the last tail read per lane.
+  uint64_t localPending_ = 0;
+  std::atomic<bool> anyLocalPending_{false};  // mirrors localPending_ != 0 for lock-free checks
+  uint32_t cursor_ = 0;
+  uint64_t knownTails_[kLaneCount] = {};
 };
 
-// Node ids of this user's mailboxes present in /dev/shm (live or left behind by dead nodes).
+// Node ids of the mailboxes present in /dev/shm (live or left behind by dead nodes).
 std::vector<uint16_t> listMailboxNids();
 
 // Removes the mailbox of nid if no live node owns it (a node killed leaves its mailbox behind).

@@ -4,17 +4,14 @@
 
 namespace rhyddal {
 
-std::shared_ptr<Mailbox> MailboxDirectory::find(uint16_t nid, int* error) {
-  std::lock_guard<std::mutex> guard(mutex_);
+Mailbox* MailboxDirectory::find(uint16_t nid, int* error) {
+  if (last_ != nullptr && last_->nid() == nid && last_->ownerAlive()) return last_;
+  last_ = nullptr;
   const auto cached = cache_.find(nid);
   if (cached != cache_.end()) {
-    if (cached->second->ownerAlive()) return cached->second;
+    if (cached->second->ownerAlive()) return last_ = cached->second.get();
     cache_.erase(cached);
   }
-  return reopen(nid, error);
-}
-
-std::shared_ptr<Mailbox> MailboxDirectory::reopen(uint16_t nid, int* error) {
   std::shared_ptr<Mailbox> mailbox;
   *error = Mailbox::open(nid, &mailbox);
   if (*error != 0) return nullptr;
@@ -23,7 +20,7 @@ std::shared_ptr<Mailbox> MailboxDirectory::reopen(uint16_t nid, int* error) {
     return nullptr;
   }
   cache_[nid] = mailbox;
-  return mailbox;
+  return last_ = mailbox.get();
 }
 
 }  // namespace rhyddal

@@ -1,13 +1,13 @@
-// The mailboxes of other nodes this process sends to, mapped once and kept.
+// The mailboxes of other nodes this process sends to, mapped once and kept, each with the lane
+// this process claimed in it.
 //
-// A cached mapping is used only while its owner lives (a trylock, no system call). When the owner
+// A cached mapping is used only while its owner lives (one load, no system call). When the owner
 // is gone the mapping is dropped and the name opened again, which finds the mailbox of a node
-// restarted with the same id, or nothing.
+// restarted with the same id, or nothing. Not thread-safe: the event machine's lock covers it.
 #pragma once
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 
 #include "Mailbox.h"
@@ -17,17 +17,20 @@ namespace rhyddal {
 class MailboxDirectory {
  public:
   // The mailbox of a live node nid, or null with *error set to -EHOSTUNREACH (no node runs
-  // there), -EPROTO (made by an incompatible build) or another negative errno.
-  std::shared_ptr<Mailbox> find(uint16_t nid, int* error);
+  // there), -EPROTO (made by an incompatible build), -EINVAL (unusable RHYDDAL_NAMESPACE) or the
+  // negated errno of a failed system call.
+  Mailbox* find(uint16_t nid, int* error);
 
-  void lockForFork() { mutex_.lock(); }
-  void unlockAfterFork() { mutex_.unlock(); }
+  // In a forked child: the lanes belong to the parent.
+  void clear() {
+    cache_.clear();
+    last_ = nullptr;
+  }
 
  private:
-  std::shared_ptr<Mailbox> reopen(uint16_t nid, int* error);
-
-  std::mutex mutex_;
   std::unordered_map<uint16_t, std::shared_ptr<Mailbox>> cache_;
+  Mailbox* last_ = nullptr;  // the last one found: a node mostly sends to the same peer again
+
 };
 
 }  // namespace rhyddal

@@ -8,37 +8,52 @@
 #include <cerrno>
 #include <deque>
 #include <string>
+#include <thread>
 
 #include "HostTestUtil.h"
 #include "MessagePool.h"
+#include "ProcessIdentity.h"
 
 namespace rhyddal {
 namespace {
 
 using namespace testing;
 
-constexpr uint32_t kTestRingBytes = kMinRingBytes;
+constexpr uint32_t kTestLaneBytes = kMinLaneBytes;
 constexpr uint64_t kTestPoolBytes = 64 << 20;
 
 // Maps a mailbox the way a foreign process would, to play a sender that misbehaves.
-MailboxHeader* mapMailboxObject(uint16_t nid) {
-  const int fd = shm_open(mailboxObjectName(nid).c_str(), O_RDWR, 0);
-  if (fd < 0) return nullptr;
-  void* mapping = mmap(nullptr, kRingOffset + kTestRingBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  close(fd);
-  return mapping == MAP_FAILED ? nullptr : static_cast<MailboxHeader*>(mapping);
-}
+class SharedView {
+ public:
+  explicit SharedView(uint16_t nid) {
+    const int fd = shm_open(mailboxObjectName(nid).c_str(), O_RDWR, 0);
+    if (fd < 0) return;
+    void* mapping = mmap(nullptr, mailboxBytes(kTestLaneBytes), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (mapping != MAP_FAILED) header_ = static_cast<MailboxHeader*>(mapping);
+  }
+  ~SharedView() {
+    if (header_ != nullptr) munmap(header_, mailboxBytes(kTestLaneBytes));
+  }
+  MailboxHeader* header() { return header_; }
+  unsigned char* ring(uint32_t lane) {
+    return reinterpret_cast<unsigned char*>(header_) + kLanesOffset + size_t{lane} * kTestLaneBytes;
+  }
+
+ private:
+  MailboxHeader* header_ = nullptr;
+};
 
 class MailboxTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(Mailbox::create(nid_, kTestRingBytes, &owner_), 0);
+    ASSERT_EQ(Mailbox::create(nid_, kTestLaneBytes, &owner_), 0);
     ASSERT_EQ(Mailbox::open(nid_, &sender_), 0);
   }
 
-  PushResult pushMessage(uint32_t length, uint32_t seed) {
+  PushResult pushMessage(uint32_t length, uint32_t seed, Mailbox* via = nullptr) {
     writeTestMessage(scratch_, length, 0, 0, seed);
-    return sender_->push(scratch_, length, RecordKind::kMessage);
+    return (via != nullptr ? via : sender_.get())->push(scratch_, length, RecordKind::kMessage);
   }
 
   // Pops one message and checks it is the test message of this length and seed.
@@ -47,13 +62,14 @@ class MailboxTest : public ::testing::Test {
     if (message == nullptr) return ::testing::AssertionFailure() << "nothing to pop";
     const bool expected = isTestMessage(message, length, seed);
     const uint32_t got = totalLengthOf(message);
+    const uint16_t gotSeed = fieldOf<uint16_t>(message, 0);
     pool_.release(message);
     if (expected) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected length " << length << " seed " << seed << ", got length " << got;
+    return ::testing::AssertionFailure() << "expected length " << length << " seed " << seed << ", got length "
+                                         << got << " seed " << gotSeed;
   }
 
-  const uint16_t nid_ = testNid(0);
-  MailboxCleanup cleanup_{nid_};
+  const uint16_t nid_ = testNid();
   MessagePool pool_{kTestPoolBytes};
   std::unique_ptr<Mailbox> owner_;
   std::shared_ptr<Mailbox> sender_;
@@ -71,18 +87,34 @@ TEST_F(MailboxTest, EveryLengthArrivesIntactAndInOrderAcrossWrapArounds) {
   }
   for (; !queued.empty(); queued.pop_front()) ASSERT_TRUE(popsMessage(queued.front(), queued.front()));
   EXPECT_EQ(owner_->pop(pool_), nullptr);
+  EXPECT_EQ(owner_->waitingRecords(), 0u);
+  EXPECT_EQ(owner_->fillLevel().bytes, 0u);
 }
 
-TEST_F(MailboxTest, FullRingRefusesAtOnceAndAcceptsAgainAfterDraining) {
+TEST_F(MailboxTest, FullLaneRefusesAtOnceAndAcceptsAgainAfterDraining) {
   uint32_t accepted = 0;
   PushResult last;
   while ((last = pushMessage(60000, accepted)) == PushResult::kDelivered) ++accepted;
   EXPECT_EQ(last, PushResult::kFull);
-  EXPECT_EQ(accepted, kTestRingBytes / recordBytesFor(60000)) << "the whole ring is usable";
+  EXPECT_EQ(accepted, kTestLaneBytes / recordBytesFor(60000)) << "the whole lane is usable";
   EXPECT_EQ(owner_->waitingRecords(), accepted);
   ASSERT_TRUE(popsMessage(60000, 0));
   EXPECT_EQ(pushMessage(60000, accepted), PushResult::kDelivered) << "needs the wrap to the freed space";
   for (uint32_t seed = 1; seed <= accepted; ++seed) ASSERT_TRUE(popsMessage(60000, seed));
+}
+
+TEST_F(MailboxTest, LanesAreServedInTurnEachInItsSendersOrder) {
+  std::shared_ptr<Mailbox> second;
+  ASSERT_EQ(Mailbox::open(nid_, &second), 0);
+  // Both mailbox objects live in this process; the second one still gets a lane of its own.
+  for (uint32_t i = 0; i < 3; ++i) ASSERT_EQ(pushMessage(100, 10 + i), PushResult::kDelivered);
+  for (uint32_t i = 0; i < 3; ++i) ASSERT_EQ(pushMessage(200, 20 + i, second.get()), PushResult::kDelivered);
+  EXPECT_EQ(owner_->waitingRecords(), 6u);
+  for (uint32_t i = 0; i < 3; ++i) {
+    ASSERT_TRUE(popsMessage(100, 10 + i));
+    ASSERT_TRUE(popsMessage(200, 20 + i));
+  }
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
 }
 
 TEST_F(MailboxTest, RecordsWhoseHeaderDisagreesWithTheirLengthAreDropped) {
@@ -101,6 +133,7 @@ TEST_F(MailboxTest, RecordsWhoseHeaderDisagreesWithTheirLengthAreDropped) {
   EXPECT_NE(errors.find("dropped a message of 96 bytes whose header says 100"), std::string::npos) << errors;
   EXPECT_NE(errors.find("dropped a message of 8 bytes, shorter than a message header"), std::string::npos) << errors;
   EXPECT_EQ(owner_->pop(pool_), nullptr);
+  EXPECT_EQ(owner_->waitingRecords(), 0u) << "dropped records count as consumed";
 }
 
 TEST_F(MailboxTest, RawEventMayCarryAShorterMessageButNeverALongerOne) {
@@ -118,52 +151,120 @@ TEST_F(MailboxTest, RawEventMayCarryAShorterMessageButNeverALongerOne) {
             std::string::npos);
 }
 
-TEST_F(MailboxTest, DamagedRingIsDiscardedWithoutReadingPastIt) {
-  MailboxHeader* shared = mapMailboxObject(nid_);
-  ASSERT_NE(shared, nullptr);
+TEST_F(MailboxTest, DamagedLaneIsDiscardedWithoutReadingPastIt) {
+  SharedView shared(nid_);
+  ASSERT_NE(shared.header(), nullptr);
   ASSERT_EQ(pushMessage(40, 1), PushResult::kDelivered);
   ASSERT_TRUE(popsMessage(40, 1));
-  // A record claiming 60000 bytes, of which only 16 were published.
-  const uint32_t tail = shared->tail.load();
+  // The sender's lane is the first one. A record claiming 60000 bytes, of which only 16 were
+  // published.
+  LaneControl& lane = shared.header()->lanes[0];
+  const uint64_t tail = lane.tail.load();
   const RecordHeader lie{60000, static_cast<uint16_t>(RecordKind::kMessage), 0};
-  std::memcpy(reinterpret_cast<unsigned char*>(shared) + kRingOffset + (tail & (kTestRingBytes - 1)), &lie,
-              sizeof(lie));
-  shared->tail.store(tail + 16);
+  std::memcpy(shared.ring(0) + (bytesOf(tail) & (kTestLaneBytes - 1)), &lie, sizeof(lie));
+  lane.tail.store(laneIndex(recordsOf(tail) + 1, bytesOf(tail) + 16));
+  shared.header()->pending.fetch_or(1);
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(owner_->pop(pool_), nullptr);
   EXPECT_NE(::testing::internal::GetCapturedStderr().find("damaged record"), std::string::npos);
-  EXPECT_TRUE(owner_->empty());
-  ASSERT_EQ(pushMessage(40, 2), PushResult::kDelivered);
-  EXPECT_TRUE(popsMessage(40, 2));
-  munmap(shared, kRingOffset + kTestRingBytes);
+  EXPECT_FALSE(owner_->mayHaveRecords());
+  EXPECT_EQ(owner_->waitingRecords(), 0u);
 }
 
-TEST_F(MailboxTest, SenderDyingInsideTheProducerLockBlocksNoOne) {
-  SKIP_WITHOUT_DEAD_OWNER_DETECTION();
-  Rendezvous locked;
-  ChildProcess dyingSender([&] {
-    MailboxHeader* shared = mapMailboxObject(nid_);
-    if (shared == nullptr || pthread_mutex_lock(mutexIn(shared->producerLock)) != 0) return 1;
-    writeTestMessage(reinterpret_cast<unsigned char*>(shared) + kRingOffset + 8, 64, 0, 0, 9);  // half a send
-    locked.notify();
-    raise(SIGKILL);
-    return 2;
+// Indices that no producer writes: a head two bytes before the end of the ring must not make the
+// reader take a header from beyond it.
+TEST_F(MailboxTest, IndicesNoProducerWritesDropTheLaneWithoutReadingPastIt) {
+  SharedView shared(nid_);
+  ASSERT_NE(shared.header(), nullptr);
+  ASSERT_EQ(pushMessage(40, 1), PushResult::kDelivered);
+  LaneControl& lane = shared.header()->lanes[0];
+  lane.head.store(laneIndex(0, kTestLaneBytes - 2));
+  lane.tail.store(laneIndex(1, kTestLaneBytes + 30));
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("damaged record"), std::string::npos);
+  lane.tail.store(laneIndex(5, 8));  // head 0, tail says five records in eight bytes
+  shared.header()->pending.fetch_or(1);
+  ::testing::internal::CaptureStderr();
+  lane.head.store(0);
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("damaged record"), std::string::npos);
+}
+
+TEST_F(MailboxTest, SenderStoppedOrKilledInTheMiddleOfASendHoldsUpNoOne) {
+  Rendezvous halfWritten;
+  ChildProcess stalledSender([&] {
+    std::shared_ptr<Mailbox> mine;
+    if (Mailbox::open(nid_, &mine) != 0) return 1;
+    writeTestMessage(scratch_, 64, 0, 0, 5);
+    if (mine->push(scratch_, 64, RecordKind::kMessage) != PushResult::kDelivered) return 2;
+    // Half of the next record, never published.
+    SharedView shared(nid_);
+    for (uint32_t lane = 0; lane < kLaneCount; ++lane) {
+      if (shared.header()->lanes[lane].owner.load() == thisProcessIdentity()) {
+        writeTestMessage(shared.ring(lane) + 80, 64, 0, 0, 6);
+      }
+    }
+    halfWritten.notify();
+    raise(SIGSTOP);
+    return 0;
   });
-  ASSERT_EQ(locked.waitFor(), 1u);
-  EXPECT_EQ(dyingSender.wait(), 128 + SIGKILL);
-  EXPECT_EQ(pushMessage(64, 3), PushResult::kDelivered);
-  EXPECT_TRUE(popsMessage(64, 3));
-  EXPECT_EQ(owner_->pop(pool_), nullptr) << "nothing of the dead sender's half-written record";
+  ASSERT_EQ(halfWritten.waitFor(), 1u);
+  EXPECT_TRUE(popsMessage(64, 5)) << "what the stalled sender published before it stopped";
+  for (uint32_t seed = 0; seed < 100; ++seed) {
+    ASSERT_EQ(pushMessage(64, seed), PushResult::kDelivered);
+    ASSERT_TRUE(popsMessage(64, seed)) << "while the other sender is stopped";
+  }
+  stalledSender.kill();
+  ASSERT_EQ(pushMessage(64, 7), PushResult::kDelivered);
+  EXPECT_TRUE(popsMessage(64, 7));
+  EXPECT_EQ(owner_->pop(pool_), nullptr) << "nothing of the half-written record";
+}
+
+TEST_F(MailboxTest, MoreSendersThanLanesAreRefusedUntilAnOwnerDiesAndItsRecordsComeFirst) {
+  SharedView shared(nid_);
+  ASSERT_NE(shared.header(), nullptr);
+  Rendezvous exitNow;
+  ChildProcess soonDead([&] { return exitNow.waitFor() == 1 ? 0 : 1; });
+  const uint64_t deadIdentity = identityOfProcess(soonDead.pid());
+  ASSERT_NE(deadIdentity, 0u);
+  exitNow.notify();
+  ASSERT_EQ(soonDead.wait(), 0);
+  const uint64_t liveIdentity = identityOfProcess(getppid());
+  ASSERT_NE(liveIdentity, 0u);
+
+  // A sender that published two records in lane 0, then "died".
+  std::shared_ptr<Mailbox> ghost;
+  ASSERT_EQ(Mailbox::open(nid_, &ghost), 0);
+  ASSERT_EQ(pushMessage(64, 1, ghost.get()), PushResult::kDelivered);
+  ASSERT_EQ(pushMessage(64, 2, ghost.get()), PushResult::kDelivered);
+  for (LaneControl& lane : shared.header()->lanes) lane.owner.store(liveIdentity);
+  EXPECT_EQ(pushMessage(64, 3), PushResult::kNoLane);
+  shared.header()->lanes[0].owner.store(deadIdentity);
+  ASSERT_EQ(pushMessage(64, 3), PushResult::kDelivered) << "the dead owner's lane is taken over";
+  EXPECT_EQ(shared.header()->lanes[0].owner.load(), thisProcessIdentity());
+  EXPECT_EQ(owner_->waitingRecords(), 3u);
+  for (uint32_t seed = 1; seed <= 3; ++seed) ASSERT_TRUE(popsMessage(64, seed));
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
+}
+
+TEST_F(MailboxTest, ARecordWhoseAnnouncementWasLostIsFoundByTheSweep) {
+  SharedView shared(nid_);
+  ASSERT_EQ(pushMessage(64, 1), PushResult::kDelivered);
+  shared.header()->pending.store(0);  // the sender died between publishing and announcing
+  EXPECT_FALSE(owner_->mayHaveRecords());
+  owner_->collectAllLanes();
+  EXPECT_TRUE(owner_->mayHaveRecords());
+  EXPECT_TRUE(popsMessage(64, 1));
 }
 
 TEST(MailboxLiveness, ANodeIdIsTakenOverOnlyFromADeadNode) {
   SKIP_WITHOUT_DEAD_OWNER_DETECTION();
-  const uint16_t nid = testNid(1);
-  MailboxCleanup cleanup(nid);
+  const uint16_t nid = testNid();
   Rendezvous created;
   ChildProcess node([&] {
     std::unique_ptr<Mailbox> mailbox;
-    const int rc = Mailbox::create(nid, kTestRingBytes, &mailbox);
+    const int rc = Mailbox::create(nid, kTestLaneBytes, &mailbox);
     created.notify(rc == 0 ? 1 : 2);
     pause();
     return 0;
@@ -173,22 +274,45 @@ TEST(MailboxLiveness, ANodeIdIsTakenOverOnlyFromADeadNode) {
   ASSERT_EQ(Mailbox::open(nid, &sender), 0);
   EXPECT_TRUE(sender->ownerAlive());
   std::unique_ptr<Mailbox> usurper;
-  EXPECT_EQ(Mailbox::create(nid, kTestRingBytes, &usurper), -EADDRINUSE);
+  EXPECT_EQ(Mailbox::create(nid, kTestLaneBytes, &usurper), -EADDRINUSE);
 
   node.kill();
   EXPECT_FALSE(sender->ownerAlive());
-  EXPECT_FALSE(sender->ownerAlive()) << "stays dead once the lock was repaired";
   std::unique_ptr<Mailbox> successor;
-  EXPECT_EQ(Mailbox::create(nid, kTestRingBytes, &successor), 0);
+  EXPECT_EQ(Mailbox::create(nid, kTestLaneBytes, &successor), 0);
 }
 
-TEST(MailboxLiveness, ListingFindsTheMailboxesOfThisUser) {
-  const uint16_t nid = testNid(3);
-  MailboxCleanup cleanup(nid);
-  std::unique_ptr<Mailbox> mailbox;
-  ASSERT_EQ(Mailbox::create(nid, kTestRingBytes, &mailbox), 0);
-  const std::vector<uint16_t> nids = listMailboxNids();
-  EXPECT_NE(std::find(nids.begin(), nids.end(), nid), nids.end());
+// Probes take no lock, so a restart never meets one held by a prober: every restart succeeds
+// while other threads probe the dead predecessor as fast as they can.
+TEST(MailboxLiveness, ProbesNeverStandInTheWayOfARestart) {
+  SKIP_WITHOUT_DEAD_OWNER_DETECTION();
+  const uint16_t nid = testNid();
+  std::atomic<bool> stop{false};
+  std::atomic<Mailbox*> probed{nullptr};
+  std::atomic<uint64_t> probes{0};
+  auto prober = [&] {
+    while (!stop.load()) {
+      if (Mailbox* mailbox = probed.load()) mailbox->ownerAlive();
+      probes.fetch_add(1);
+    }
+  };
+  std::vector<std::unique_ptr<Mailbox>> keep;  // mappings the probers may still read
+  std::thread first(prober);
+  std::thread second(prober);
+  for (int restart = 0; restart < 100; ++restart) {
+    std::unique_ptr<Mailbox> node;
+    std::thread owner([&] { EXPECT_EQ(Mailbox::create(nid, kTestLaneBytes, &node), 0) << restart; });
+    owner.join();  // the owning thread ends: the node is dead, its mailbox stays behind
+    if (node == nullptr) break;
+    node->disownAfterFork();  // the kernel released its lock; from now on it is probed like any other
+    EXPECT_FALSE(node->ownerAlive());
+    probed.store(node.get());
+    keep.push_back(std::move(node));
+  }
+  stop.store(true);
+  first.join();
+  second.join();
+  EXPECT_GT(probes.load(), 0u);
 }
 
 }  // namespace

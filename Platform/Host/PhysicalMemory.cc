@@ -15,8 +15,10 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <thread>
 
+#include "Futex.h"
 #include "HostEnvironment.h"
 #include "Mailbox.h"
 #include "RadioClock.h"
@@ -28,16 +30,18 @@ constexpr char kDevMemVariable[] = "OLM_DEVMEM";
 constexpr char kUpdatePeriodVariable[] = "RHYDDAL_TIMING_UPDATE_US";
 constexpr uint64_t kMinTimingUpdateUs = 50;
 constexpr uint64_t kMaxTimingUpdateUs = 100000;
-constexpr uint64_t kNodeRescanNs = 100 * 1000 * 1000;
 constexpr uint64_t kNanosecondsPerMicrosecond = 1000;
 constexpr uint64_t kNanosecondsPerMillisecond = 1000 * 1000;
-constexpr int kUpdaterNiceness = 5;           // below the nodes' own threads, still woken promptly
+constexpr int kUpdaterNiceness = 5;  // below the nodes' own threads, still woken promptly
 
 void storeWord(uint32_t* word, uint32_t value) { __atomic_store_n(word, value, __ATOMIC_RELEASE); }
 
+timespec monotonicTimespec(uint64_t ns) {
+  return timespec{static_cast<time_t>(ns / kNanosecondsPerSecond), static_cast<long>(ns % kNanosecondsPerSecond)};
+}
+
 void sleepUntil(uint64_t monotonicNs) {
-  timespec until{static_cast<time_t>(monotonicNs / kNanosecondsPerSecond),
-                 static_cast<long>(monotonicNs % kNanosecondsPerSecond)};
+  const timespec until = monotonicTimespec(monotonicNs);
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
   }
 }
@@ -55,15 +59,34 @@ bool coverAtLeast(int fd, uint64_t bytes) {
   return ftruncate(fd, static_cast<off_t>(bytes)) == 0;
 }
 
-// The history is host-wide under a fixed name that the runtime opens, so it is readable and
-// writable by every user (mode 0666 regardless of umask).
+// Outside a namespace the history is host-wide under the fixed name the runtime opens, so it is
+// readable and writable by every user (mode 0666 regardless of umask).
 char* mapQueueHistory() {
-  const int fd = shm_open(kQueueHistoryName, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  const std::string name = queueHistoryObjectName();
+  if (name.empty()) return nullptr;
+  const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) return nullptr;
   fchmod(fd, 0666);
   void* mapping = coverAtLeast(fd, kQueueHistoryBytes) ? mapShared(fd, kQueueHistoryBytes, 0) : nullptr;
   close(fd);
   return static_cast<char*>(mapping);
+}
+
+// The updater's wake-up word: one 32-bit futex word in a small object of its own, bumped by every
+// request for full-rate updates.
+std::atomic<uint32_t>* mapUpdaterWakeWord() {
+  if (!namespaceUsable()) return nullptr;
+  const std::string name = "/" + objectPrefix() + "updater";
+  const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return nullptr;
+  void* mapping = coverAtLeast(fd, kPageBytes) ? mapShared(fd, kPageBytes, 0) : nullptr;
+  close(fd);
+  return static_cast<std::atomic<uint32_t>*>(mapping);
+}
+
+std::atomic<uint32_t>* updaterWakeWord() {
+  static std::atomic<uint32_t>* const word = mapUpdaterWakeWord();
+  return word;
 }
 
 struct TrackedNode {
@@ -103,8 +126,7 @@ class TimingUpdater {
     const int fd = open(path_.c_str(), O_RDWR | O_CLOEXEC);
     struct stat status {};
     if (fd < 0 || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-      std::fprintf(stderr, "rhyddal: no timing updates: %s=%s is not a regular file\n", kDevMemVariable,
-                   path_.c_str());
+      std::fprintf(stderr, "rhyddal: no timing updates: %s is not a regular file\n", path_.c_str());
       if (fd >= 0) close(fd);
       return false;
     }
@@ -118,55 +140,67 @@ class TimingUpdater {
     page_ = static_cast<uint32_t*>(mapShared(fd, kTimingPageBytes, kTimingPageOffset));
     table_ = static_cast<QueueRecord*>(mapShared(fd, kQueueTableBytes, kQueueTableOffset));
     history_ = mapQueueHistory();
+    wakeWord_ = updaterWakeWord();
     if (page_ == nullptr || table_ == nullptr) return false;
     // What a predecessor wrote may describe nodes that died with it: start from an empty table.
     std::memset(table_, 0, kQueueTableBytes);
     return true;
   }
 
-  // Holds the updater role for the rest of the process's life.
+  // Holds the updater role for the rest of the process's life. A rare wake-up does all the work
+  // (timing words, rescan, queue table, history); a full-rate one only rewrites the timing words.
   [[noreturn]] void serve() {
     uint64_t next = monotonicNanoseconds();
+    uint32_t requestsSeen = wakeWord_ != nullptr ? wakeWord_->load() - 1 : 0;
     for (;;) {
       const uint64_t now = monotonicNanoseconds();
+      const uint32_t requests = wakeWord_ != nullptr ? wakeWord_->load(std::memory_order_acquire) : 0;
       writeTimingWords(page_, now);
-      if (now >= nextRescanNs_) rescanNodes(now);
-      writeQueueTable();
-      appendHistoryLineEverySecond();
-      next += periodNs_;
-      if (next < now) next = now + periodNs_;  // fell behind (suspended): no burst of catch-up ticks
-      sleepUntil(next);
+      if (now >= nextRescanNs_ || requests != requestsSeen) {
+        requestsSeen = requests;
+        rescanNodes(now);
+        writeQueueTable();
+        appendHistoryLineEverySecond();
+      }
+      const uint64_t period = fullRate_ ? periodNs_ : kRareUpdateNs;
+      next += period;
+      if (next < now) next = now + period;  // fell behind (suspended): no burst of catch-up ticks
+      if (fullRate_ || wakeWord_ == nullptr) {
+        sleepUntil(next);
+      } else {
+        const timespec deadline = monotonicTimespec(next);
+        futexWaitUntil(wakeWord_, requests, &deadline);
+        if (wakeWord_->load(std::memory_order_acquire) != requests) next = monotonicNanoseconds();
+      }
     }
   }
 
   void rescanNodes(uint64_t now) {
-    nextRescanNs_ = now + kNodeRescanNs;
+    nextRescanNs_ = now + kRareUpdateNs;
     std::map<uint16_t, TrackedNode> current;
     for (const uint16_t nid : listMailboxNids()) {
       struct stat status {};
       if (stat(shmFilePath(mailboxObjectName(nid)).c_str(), &status) != 0) continue;
       current[nid] = trackNode(nid, status.st_ino);
     }
+    bool timingRead = false;
     for (const auto& [nid, node] : nodes_) {
       const auto found = current.find(nid);
       if (node.live && (found == current.end() || !found->second.live)) clearRecord(nid);
     }
-    removeNewlyDeadMailboxes(current);
-    nodes_.swap(current);
-  }
-
-  // A killed node leaves its mailbox behind; the updater clears such leftovers once, when it first
-  // sees them dead, so /dev/shm does not fill up with them on a host where nodes come and go.
-  void removeNewlyDeadMailboxes(const std::map<uint16_t, TrackedNode>& current) {
-    for (const auto& [nid, node] : current) {
-      if (node.live) continue;
-      const auto known = nodes_.find(nid);
-      const bool seenDeadBefore = known != nodes_.end() && known->second.inode == node.inode && !known->second.live;
-      if (!seenDeadBefore) removeMailboxOfDeadNode(nid);
+    for (auto& [nid, node] : current) {
+      if (!node.live) {
+        node.mailbox.reset();
+        removeMailboxOfDeadNode(nid);
+      } else if (node.mailbox->timingPageInUse()) {
+        timingRead = true;
+      }
     }
+    nodes_.swap(current);
+    fullRate_ = timingRead;
   }
 
-  // A node already known under the same inode keeps its mapping; a dead one stays dead until a
+  // A node seen before under the same inode keeps its mapping; a dead one stays dead until a
   // new node replaces its object.
   TrackedNode trackNode(uint16_t nid, ino_t inode) {
     const auto known = nodes_.find(nid);
@@ -184,10 +218,11 @@ class TimingUpdater {
     for (const auto& [nid, node] : nodes_) {
       if (!node.live) continue;
       QueueRecord& record = table_[nid & kQueueIndexMask];
+      const Mailbox::FillLevel level = node.mailbox->fillLevel();
       storeWord(&record.nid, nid);
-      storeWord(&record.usedBytes, node.mailbox->usedBytes());
-      storeWord(&record.ringBytes, node.mailbox->ringBytes());
-      storeWord(&record.waiting, node.mailbox->waitingRecords());
+      storeWord(&record.usedBytes, static_cast<uint32_t>(level.bytes));
+      storeWord(&record.ringBytes, static_cast<uint32_t>(node.mailbox->ringBytes()));
+      storeWord(&record.waiting, level.records);
     }
   }
 
@@ -223,44 +258,92 @@ class TimingUpdater {
   uint32_t* page_ = nullptr;
   QueueRecord* table_ = nullptr;
   char* history_ = nullptr;
+  std::atomic<uint32_t>* wakeWord_ = nullptr;
   std::map<uint16_t, TrackedNode> nodes_;
   uint64_t nextRescanNs_ = 0;
   time_t lastHistorySecond_ = 0;
+  bool fullRate_ = false;
 };
 
 // Never destroyed: the thread runs until the process ends, also through exit's destructors.
 std::atomic<TimingUpdater*> theUpdater{nullptr};
 
-__attribute__((constructor)) void prepareAtLoad() { preparePhysicalMemory(); }
-
-}  // namespace
-
-std::string physicalMemoryPath() {
-  const char* path = std::getenv(kDevMemVariable);
-  return path == nullptr ? std::string() : std::string(path);
-}
-
-void preparePhysicalMemory() {
-  if (std::getenv(kDevMemVariable) != nullptr) return;
+const char* preparePhysicalMemory() {
+  const char* configured = std::getenv(kDevMemVariable);
+  if (configured != nullptr && configured[0] != '\0') return strdup(configured);
+  if (!namespaceUsable()) return nullptr;
   const std::string path = defaultPhysicalMemoryPath();
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   const bool ready = fd >= 0 && coverAtLeast(fd, kPhysicalMemoryBytes);
+  const int error = errno;
   if (fd >= 0) close(fd);
   if (!ready) {
     std::fprintf(stderr, "rhyddal: cannot prepare emulated physical memory %s: %s\n", path.c_str(),
-                 std::strerror(errno));
-    return;
+                 std::strerror(error));
+    return nullptr;
   }
-  setenv(kDevMemVariable, path.c_str(), 0);
+  return strdup(path.c_str());
 }
 
-// The CDMA counter is 64 bits in two words that cannot be stored at once. Low goes first, high
-// right after: a reader that reads high, low, high and retries on a change sees a consistent pair
-// unless both of its last two reads fall between these two adjacent stores.
+}  // namespace
+
+const char* hostPhysicalMemoryPath() {
+  static const char* const path = preparePhysicalMemory();
+  return path;
+}
+
+std::string queueHistoryObjectName() {
+  std::string name;
+  return systemObjectName(RHYDDAL_QUEUE_HISTORY_NAME, &name) == 0 ? name : std::string();
+}
+
+// Words 17 and 18 sit at byte offsets 68..75 of the page: 4 bytes into an 8-byte block, inside
+// one cache line (64..127). No aligned 8-byte store covers them, so each architecture gets what
+// it can truly do in one step:
+//   x86-64   XCHG with a memory operand is a locked read-modify-write; Intel and AMD both make a
+//            locked access atomic when it lies within one cache line, aligned or not (a plain
+//            unaligned MOV crossing an 8-byte boundary is not guaranteed atomic on AMD). Being
+//            locked, it is also a full barrier: everything written before it is visible first.
+//   aarch64  LDXP/STLXP on the enclosing 16-byte-aligned block (words 16..19): a successful
+//            store-exclusive pair of that alignment is single-copy atomic for all 16 bytes, and
+//            words 16 and 19 are written back with the values the load-exclusive saw (any store
+//            to them in between fails the exclusive and the loop retries). STLXP has release
+//            semantics.
+//   other    (32-bit ARM) cannot be done: LDREXD/STREXD need an 8-byte-aligned address and there
+//            is no 16-byte exclusive. Least bad: store low, then high only when it changed, each
+//            with release. A reader (high, low, high again) can then accept a torn pair only
+//            when the low word wraps, once every 2^32 counts (218.45 s at 19.6608 MHz), and only
+//            if its three loads fall around these two adjacent stores; it then sees the old high
+//            with the new low, 2^32 counts early, never a value from the future.
+// The reader must also keep its own loads in order for any writer to help it; on x86 loads are
+// never reordered with each other.
+void storeCdmaPair(uint32_t* page, uint64_t value) {
+#if defined(__x86_64__)
+  void* pair = page + kCdmaLowWord;
+  asm volatile("xchgq %0, (%1)" : "+r"(value) : "r"(pair) : "memory");
+#elif defined(__aarch64__)
+  static_assert(kCdmaLowWord / 4 * 4 == 16, "words 16..19 form the enclosing 16-byte block");
+  void* block = page + 16;
+  uint64_t first = 0;
+  uint64_t second = 0;
+  uint32_t failed = 0;
+  do {
+    asm volatile("ldxp %0, %1, [%2]" : "=&r"(first), "=&r"(second) : "r"(block) : "memory");
+    first = (first & 0xFFFFFFFFu) | (value << 32);             // word 16 kept, word 17 = low
+    second = (second & ~uint64_t{0xFFFFFFFFu}) | (value >> 32);  // word 18 = high, word 19 kept
+    asm volatile("stlxp %w0, %1, %2, [%3]" : "=&r"(failed) : "r"(first), "r"(second), "r"(block) : "memory");
+  } while (failed != 0);
+#else
+  const auto high = static_cast<uint32_t>(value >> 32);
+  __atomic_store_n(&page[kCdmaLowWord], static_cast<uint32_t>(value), __ATOMIC_RELEASE);
+  if (__atomic_load_n(&page[kCdmaHighWord], __ATOMIC_RELAXED) != high) {
+    __atomic_store_n(&page[kCdmaHighWord], high, __ATOMIC_RELEASE);
+  }
+#endif
+}
+
 void writeTimingWords(uint32_t* page, uint64_t nanoseconds) {
-  const uint64_t cdma = cdmaCountAt(nanoseconds);
-  storeWord(&page[kCdmaLowWord], static_cast<uint32_t>(cdma));
-  storeWord(&page[kCdmaHighWord], static_cast<uint32_t>(cdma >> 32));
+  storeCdmaPair(page, cdmaCountAt(nanoseconds));
   storeWord(&page[kLteSymbolWord], lteSymbolAt(nanoseconds));
 }
 
@@ -281,8 +364,8 @@ void formatHistoryLine(const struct tm& localTime, const std::vector<std::pair<u
 
 void startTimingUpdater() {
   if (theUpdater.load() != nullptr) return;
-  const std::string path = physicalMemoryPath();
-  if (path.empty()) return;
+  const char* path = hostPhysicalMemoryPath();
+  if (path == nullptr) return;
   const uint64_t periodUs =
       environmentNumber(kUpdatePeriodVariable, kDefaultTimingUpdateUs, kMinTimingUpdateUs, kMaxTimingUpdateUs);
   auto* updater = new TimingUpdater(path, periodUs * kNanosecondsPerMicrosecond);
@@ -292,6 +375,15 @@ void startTimingUpdater() {
     return;
   }
   std::thread([updater] { updater->run(); }).detach();
+}
+
+// Release: pairs with the updater's acquire load of the word; the mailbox flag set before it is
+// seen by the rescan that follows.
+void wakeTimingUpdater() {
+  std::atomic<uint32_t>* word = updaterWakeWord();
+  if (word == nullptr) return;
+  word->fetch_add(1, std::memory_order_release);
+  futexWake(word, 1);
 }
 
 void forgetTimingUpdaterAfterFork() {

@@ -6,7 +6,6 @@ constexpr uint32_t kGenerationLimit = 1u << (32 - RawEvents::kSlotBits);
 }  // namespace
 
 uint32_t RawEvents::bind(void* data) {
-  std::lock_guard<std::mutex> guard(mutex_);
   for (uint32_t tried = 0; tried < kSlotCount - 1; ++tried) {
     const uint32_t index = 1 + (searchStart_ - 1 + tried) % (kSlotCount - 1);
     Slot& slot = slots_[index];
@@ -20,13 +19,11 @@ uint32_t RawEvents::bind(void* data) {
 }
 
 void* RawEvents::lookup(uint32_t handle) {
-  std::lock_guard<std::mutex> guard(mutex_);
   Slot* slot = liveSlot(handle);
   return slot == nullptr ? nullptr : slot->data;
 }
 
 void RawEvents::unbind(uint32_t handle) {
-  std::lock_guard<std::mutex> guard(mutex_);
   Slot* slot = liveSlot(handle);
   if (slot != nullptr) slot->data = nullptr;
 }

@@ -3,10 +3,10 @@
 // The interface passes events as 32-bit words, and a pointer does not fit one on a 64-bit host, so
 // a handle is an index into this process-local table plus a generation count: a handle that was
 // released and whose slot was reused later reads as unknown instead of as someone else's event.
+// Not thread-safe: the event machine's lock covers it.
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 
 namespace rhyddal {
 
@@ -22,9 +22,6 @@ class RawEvents {
   // Forgets a live handle; unknown handles are ignored.
   void unbind(uint32_t handle);
 
-  void lockForFork() { mutex_.lock(); }
-  void unlockAfterFork() { mutex_.unlock(); }
-
  private:
   struct Slot {
     void* data = nullptr;
@@ -32,7 +29,6 @@ class RawEvents {
   };
   Slot* liveSlot(uint32_t handle);
 
-  std::mutex mutex_;
   Slot slots_[kSlotCount];
   uint32_t searchStart_ = 1;
 };

@@ -1,29 +1,50 @@
 // The C interface of libRHYDDAL.so on a development host: thin calls into the process's event
-// machine and radio clock. Only the functions of Rhyddal.h are exported (RHYDDAL.map).
+// machine and radio clock. Only the functions of Rhyddal.h and RhyddalHost.h are exported
+// (RHYDDAL.map).
 #include <pthread.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "EventMachine.h"
 #include "HostEnvironment.h"
 #include "MailboxLayout.h"
+#include "PhysicalMemory.h"
 #include "RadioClock.h"
 #include "Rhyddal.h"
+#include "RhyddalHost.h"
+#include "RhyddalInternal.h"
 
 namespace rhyddal {
 namespace {
 
-constexpr char kQueueBytesVariable[] = "RHYDDAL_QUEUE_BYTES";
-constexpr char kPoolBytesVariable[] = "RHYDDAL_POOL_BYTES";
 constexpr uint64_t kDefaultPoolBytes = uint64_t{256} << 20;
 constexpr uint64_t kMinPoolBytes = uint64_t{1} << 20;
 // A 32-bit process has 3 GiB of address space; a pool larger than a third of it is a typo.
 constexpr uint64_t kMaxPoolBytes = sizeof(void*) == 4 ? uint64_t{1} << 30 : uint64_t{64} << 30;
+constexpr uint64_t kMaxHoldBuffers = uint64_t{1} << 24;
+constexpr uint64_t kMaxSpinUs = 10000;
+constexpr uint64_t kDefaultTimerSlackNs = 1000;
+constexpr uint64_t kMaxTimerSlackNs = 50 * 1000 * 1000;
 
 uint32_t roundUpToPowerOfTwo(uint64_t value) {
   uint64_t power = 1;
   while (power < value) power <<= 1;
   return static_cast<uint32_t>(power);
+}
+
+MachineSettings settingsFromEnvironment() {
+  MachineSettings settings{};
+  settings.poolBytes = environmentNumber("RHYDDAL_POOL_BYTES", kDefaultPoolBytes, kMinPoolBytes, kMaxPoolBytes);
+  settings.laneBytes = roundUpToPowerOfTwo(
+      environmentNumber("RHYDDAL_QUEUE_BYTES", kDefaultLaneBytes, kMinLaneBytes, kMaxLaneBytes));
+  settings.holdLimit =
+      static_cast<uint32_t>(environmentNumber("RHYDDAL_SENT_HOLD", kDefaultHoldLimit, 0, kMaxHoldBuffers));
+  settings.spinNs = environmentNumber("RHYDDAL_SPIN_US", 0, 0, kMaxSpinUs) * 1000;
+  settings.timerSlackNs = environmentNumber("RHYDDAL_TIMER_SLACK_NS", kDefaultTimerSlackNs, 0, kMaxTimerSlackNs);
+  return settings;
 }
 
 EventMachine* createMachine();
@@ -40,14 +61,15 @@ void unlinkOwnMailboxAtExit() { machine().unlinkOwnMailbox(); }
 
 // Never destroyed: buffers may be freed and messages sent from destructors that run at exit.
 EventMachine* createMachine() {
-  const uint64_t poolBytes = environmentNumber(kPoolBytesVariable, kDefaultPoolBytes, kMinPoolBytes, kMaxPoolBytes);
-  const uint64_t ringBytes = environmentNumber(kQueueBytesVariable, kDefaultRingBytes, kMinRingBytes, kMaxRingBytes);
-  auto* created = new EventMachine(poolBytes, roundUpToPowerOfTwo(ringBytes));
+  auto* created = new EventMachine(settingsFromEnvironment());
   pthread_atfork(prepareFork, afterForkInParent, afterForkInChild);
   return created;
 }
 
 }  // namespace
+
+PoolStatistics processPoolStatistics() { return machine().poolStatistics(); }
+
 }  // namespace rhyddal
 
 using rhyddal::machine;
@@ -97,5 +119,19 @@ int ddal_sfn_get_bcn(unsigned long long* counter, uint32_t* fine, uint32_t flags
   if (fine != nullptr) *fine = now.fine;
   return 0;
 }
+
+const char* rhyddal_host_physical_memory_path(void) { return rhyddal::hostPhysicalMemoryPath(); }
+
+int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size) {
+  if (systemName == nullptr || name == nullptr) return -EINVAL;
+  std::string translated;
+  const int rc = rhyddal::systemObjectName(systemName, &translated);
+  if (rc != 0) return rc;
+  if (translated.size() + 1 > size) return -ENAMETOOLONG;
+  std::memcpy(name, translated.c_str(), translated.size() + 1);
+  return 0;
+}
+
+void rhyddal_host_timing_page_in_use(void) { machine().timingPageInUse(); }
 
 }  // extern "C"

@@ -19,8 +19,9 @@ extern "C" {
 
 /* The file this host emulates the node's physical memory in (layout: RhyddalPhysicalMemory.h):
  * $OLM_DEVMEM when set, else this user's (and namespace's) file in /dev/shm, created sparse on the
- * first call. Null when it cannot be created (a line on stderr says why). The string stays valid
- * for the life of the process. */
+ * first call. Null when it cannot be created, or when RHYDDAL_NAMESPACE is not a valid word (a
+ * line on stderr says why). Decided on the first call; the string stays valid for the life of the
+ * process. */
 const char* rhyddal_host_physical_memory_path(void);
 
 /* The POSIX shared-memory name under which this host keeps the object the system knows by the
@@ -28,15 +29,16 @@ const char* rhyddal_host_physical_memory_path(void);
  * fixed name itself; with RHYDDAL_NAMESPACE set (tests) it is a name private to the namespace.
  * Writes a NUL-terminated name into name. Returns:
  *   0              written
- *   -EINVAL        systemName or name is null
+ *   -EINVAL        systemName or name is null; systemName is empty or holds a '/' after an
+ *                  optional leading one; or RHYDDAL_NAMESPACE is not a valid word
  *   -ENAMETOOLONG  size is too small; nothing useful was written */
 int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size);
 
 /* Tells the host that this process reads the timing register page (simulation mode, CDMA time)
  * from now on, so that the host keeps the page's words current at the updater's full rate while
- * the node this process serves lives. A host where no live node asked updates the page rarely, to
- * save the wake-ups. May be called before or after vak_em_server_init; calling it again does
- * nothing. */
+ * the node this process serves lives; the updater hears of it at once. A host where no live node
+ * asked updates the page only every 100 ms, to save the wake-ups. May be called before or after
+ * vak_em_server_init; calling it again does nothing. */
 void rhyddal_host_timing_page_in_use(void);
 
 #ifdef __cplusplus

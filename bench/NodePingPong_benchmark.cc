@@ -58,6 +58,7 @@ void startPeer() {
   const std::string nid = std::to_string(peerNid);
   peerPid = fork();
   if (peerPid == 0) {
+    roundtrip::pinEchoProcess();
     if (freopen("/dev/null", "w", stdout) == nullptr) _exit(126);
     execl(OLM_BENCH_EXECUTABLE, OLM_BENCH_EXECUTABLE, "--nid", nid.c_str(), "--wait", "0", static_cast<char*>(nullptr));
     _exit(127);
@@ -67,6 +68,7 @@ void startPeer() {
 
 Olm::Dispatcher& node() {
   static Olm::Dispatcher* dispatcher = [] {
+    roundtrip::pinBenchProcess();
     startPeer();
     Olm::Dispatcher* d = &bench::startNode("NodePingPong_benchmark");
     d->AaSysDispatcherCpidBind(client, kClientCpid);

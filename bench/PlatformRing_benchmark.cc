@@ -10,7 +10,6 @@
 //   RhyddalLoopback:          alloc, send to the own node, receive, free, in one thread: the CPU
 //                             cost of the four calls without any crossing between cores.
 // Runs in a namespace of its own (RHYDDAL_NAMESPACE=bench<pid>), beside any real nodes.
-#include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -222,29 +221,4 @@ void BM_RhyddalLoopback(benchmark::State& state) {
 }
 BENCHMARK(BM_RhyddalLoopback)->Unit(benchmark::kNanosecond);
 
-std::string benchNamespacePrefix;
-
-void removeBenchObjects() {
-  DIR* directory = opendir("/dev/shm");
-  if (directory == nullptr) return;
-  while (const dirent* entry = readdir(directory)) {
-    if (std::strncmp(entry->d_name, benchNamespacePrefix.c_str(), benchNamespacePrefix.size()) == 0) {
-      unlink((std::string("/dev/shm/") + entry->d_name).c_str());
-    }
-  }
-  closedir(directory);
-}
-
 }  // namespace
-
-int main(int argc, char** argv) {
-  const std::string word = "bench" + std::to_string(getpid());
-  setenv("RHYDDAL_NAMESPACE", word.c_str(), 0);
-  benchNamespacePrefix = "rhyddal-" + std::to_string(getuid()) + "-" + std::getenv("RHYDDAL_NAMESPACE") + "-";
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  removeBenchObjects();
-  return 0;
-}

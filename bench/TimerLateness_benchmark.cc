@@ -18,6 +18,7 @@
 
 #include "AaSysCom.h"
 #include "BenchNode.h"
+#include "RoundTrip.h"
 
 namespace {
 
@@ -71,6 +72,7 @@ Olm::Dispatcher& node() {
 }
 
 void BM_NodeTimerLateness(benchmark::State& state) {
+  roundtrip::pinBenchProcess();
   Olm::Dispatcher& dispatcher = node();
   const TAaSysComSicad self = AaSysComSicadGet(kTimerCpid, AaSysComGetOwnNid());
   void* tick = AaSysComMsgCreate(kTickMsgId, 0, self);
@@ -94,6 +96,7 @@ int64_t monotonicNs() {
 }
 
 void BM_TimerfdLateness(benchmark::State& state) {
+  roundtrip::pinBenchProcess();
   const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
   const int64_t first = monotonicNs() + kPeriodNs;
   const itimerspec period{{0, kPeriodNs}, {static_cast<time_t>(first / 1000000000), static_cast<long>(first % 1000000000)}};

@@ -3,8 +3,12 @@
 #   stream_over_local_reply      NodeStream's one-way messages per second over LocalPingPong Reply's
 #                                messages per second (target >= 0.5)
 #   rtt_p50_over_bare_apart      node round trip p50 over the bare futex ring's, the two processes
-#                                of each pinned to CPUs 0 and 1 (target <= 1.2)
+#                                of each pinned to CPUs 0 and 1, the nodes parking at once as the
+#                                bare ring does (RHYDDAL_SPIN_US=0) (target <= 1.2)
 #   rtt_p50_over_bare_same_cpu   the same with both processes of each pair on CPU 0 (target <= 1.2)
+#   rtt_p50_spinning_over_busy_ring  node round trip p50 with the nodes spinning before they park
+#                                (the default after traffic) over a bare busy-polling ring's, apart
+#                                (aim <= 3)
 #   timer_p50_over_timerfd       a 1 ms LTE timer's lateness p50 on an idle node over a bare
 #                                timerfd loop's, same thread (target <= 1.1)
 # Figures are medians of repetitions. Usage: bench/ratios.sh [build dir]   (default build/native;
@@ -16,27 +20,30 @@ repetitions=${OLM_BENCH_REPETITIONS:-5}
 results=$(mktemp)
 trap 'rm -f "$results"' EXIT
 
-# Appends "<placement> <benchmark> <counter> <median>" for the counters the ratios use.
+# Appends "<label> <benchmark> <counter> <median>" for the counters the ratios use.
+# Usage: run <label> <placement: apart|same> <program> <benchmark filter>
 run() {
-  local placement=$1 program=$2 filter=$3
-  echo "=== $program ($filter, placement ${placement})" >&2
+  local label=$1 placement=$2 program=$3 filter=$4
+  echo "=== $program ($filter, placement ${placement}${RHYDDAL_SPIN_US:+, spin ${RHYDDAL_SPIN_US} us})" >&2
   OLM_BENCH_PLACEMENT=$placement "$bench_dir/$program" --benchmark_filter="$filter" \
     --benchmark_repetitions="$repetitions" --benchmark_report_aggregates_only=true \
     --benchmark_format=json 2>/dev/null |
-    awk -v placement="$placement" '
+    awk -v label="$label" '
       /"name":/ { name = $2; gsub(/[",]/, "", name) }
       /"(items_per_second|p50_us|one_way_msgs_per_s)":/ {
         key = $1; gsub(/[":]/, "", key); value = $2; gsub(/,/, "", value)
-        if (name ~ /_median$/) { sub(/_median$/, "", name); print placement, name, key, value }
+        if (name ~ /_median$/) { sub(/_median$/, "", name); print label, name, key, value }
       }' | tee -a "$results" >&2
 }
 
-run apart LocalPingPong_benchmark 'LocalPingPong/Reply'
-run apart NodePingPong_benchmark 'NodeStream|NodeRoundTrip|BareRingRoundTrip'
-run same NodePingPong_benchmark 'NodeRoundTrip|BareRingRoundTrip'
-run same TimerLateness_benchmark '.'
+run apart apart LocalPingPong_benchmark 'LocalPingPong/Reply'
+run apart apart NodePingPong_benchmark 'NodeStream|BareRingRoundTripPolling'
+RHYDDAL_SPIN_US=0 run apart-parking apart NodePingPong_benchmark 'NodeRoundTrip|BareRingRoundTrip/'
+RHYDDAL_SPIN_US=0 run same-parking same NodePingPong_benchmark 'NodeRoundTrip|BareRingRoundTrip/'
+run apart-spinning apart NodePingPong_benchmark 'NodeRoundTrip'
+run same same TimerLateness_benchmark '.'
 
-value() { awk -v p="$1" -v b="$2" -v k="$3" '$1 == p && index($2, b) == 1 && $3 == k { print $4; exit }' "$results"; }
+value() { awk -v p="$1" -v b="$2" -v k="$3" '$1 == p && ($2 == b || index($2, b "/") == 1) && $3 == k { print $4; exit }' "$results"; }
 ratio() {
   local name=$1 numerator=$2 denominator=$3
   if [ -z "$numerator" ] || [ -z "$denominator" ]; then echo "$name missing"; return; fi
@@ -46,6 +53,10 @@ ratio() {
 echo
 ratio stream_over_local_reply "$(value apart BM_NodeStream one_way_msgs_per_s)" \
   "$(value apart BM_LocalPingPong/Reply items_per_second)"
-ratio rtt_p50_over_bare_apart "$(value apart BM_NodeRoundTrip p50_us)" "$(value apart BM_BareRingRoundTrip p50_us)"
-ratio rtt_p50_over_bare_same_cpu "$(value same BM_NodeRoundTrip p50_us)" "$(value same BM_BareRingRoundTrip p50_us)"
+ratio rtt_p50_over_bare_apart "$(value apart-parking BM_NodeRoundTrip p50_us)" \
+  "$(value apart-parking BM_BareRingRoundTrip p50_us)"
+ratio rtt_p50_over_bare_same_cpu "$(value same-parking BM_NodeRoundTrip p50_us)" \
+  "$(value same-parking BM_BareRingRoundTrip p50_us)"
+ratio rtt_p50_spinning_over_busy_ring "$(value apart-spinning BM_NodeRoundTrip p50_us)" \
+  "$(value apart BM_BareRingRoundTripPolling p50_us)"
 ratio timer_p50_over_timerfd "$(value same BM_NodeTimerLateness p50_us)" "$(value same BM_TimerfdLateness p50_us)"

@@ -173,6 +173,11 @@ int EventMachine::sendDirect(uint32_t event, uint32_t receiver) {
 
 // After a timed-out wait the lanes are swept once for records whose announcement was lost with a
 // sender that died between publishing and announcing.
+//
+// The spin before parking is adaptive: only a node whose last wait ended with a record spins, so
+// a node that traffic keeps busy stays awake across the short gaps between its peers' bursts
+// (where a futex sleep and wake-up would cost tens of microseconds each), while a node that only
+// waits for its timers never spins. Only the server thread waits, so the flag needs no ordering.
 int EventMachine::waitForEvent(uint32_t seconds, uint32_t nanoseconds) {
   Mailbox* own = own_.load(std::memory_order_acquire);
   if (own == nullptr) {
@@ -181,10 +186,15 @@ int EventMachine::waitForEvent(uint32_t seconds, uint32_t nanoseconds) {
     }
     return kTimedOut;
   }
-  if (own->waitForRecord(seconds, nanoseconds, settings_.spinNs)) return 0;
-  ProcessLockGuard guard(lock_);
-  own->collectAllLanes();
-  return own->mayHaveRecords() ? 0 : kTimedOut;
+  const uint64_t spinNs = lastWaitEndedWithRecord_.load(std::memory_order_relaxed) ? settings_.spinNs : 0;
+  bool record = own->waitForRecord(seconds, nanoseconds, spinNs);
+  if (!record) {
+    ProcessLockGuard guard(lock_);
+    own->collectAllLanes();
+    record = own->mayHaveRecords();
+  }
+  lastWaitEndedWithRecord_.store(record, std::memory_order_relaxed);
+  return record ? 0 : kTimedOut;
 }
 
 void* EventMachine::eventPointer(uint32_t event) {

@@ -23,7 +23,7 @@ struct MachineSettings {
   uint64_t poolBytes;
   uint32_t laneBytes;
   uint32_t holdLimit;    // MessagePool's bound on buffers held after a send
-  uint64_t spinNs;       // busy-poll before parking in waitForEvent; 0: none
+  uint64_t spinNs;       // busy-poll before parking in waitForEvent after traffic; 0: never
   uint64_t timerSlackNs; // the server thread's timer slack; 0: the kernel's default
 };
 
@@ -84,6 +84,7 @@ class EventMachine {
   MailboxDirectory directory_;
   std::unique_ptr<Mailbox> ownMailbox_;
   std::atomic<Mailbox*> own_{nullptr};
+  std::atomic<bool> lastWaitEndedWithRecord_{false};
   std::atomic<uint32_t> ownNid_{kNoNode};
   LoopbackRoute routes_[kMaxRoutes] = {};
   std::atomic<uint32_t> routeCount_{0};

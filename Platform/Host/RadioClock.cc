@@ -10,17 +10,21 @@ uint64_t monotonicNanoseconds() {
   return static_cast<uint64_t>(now.tv_sec) * kNanosecondsPerSecond + static_cast<uint64_t>(now.tv_nsec);
 }
 
-// The sub-second product stays below 1e9 * unitsPerSecond, which fits 64 bits for every rate used
-// here (the largest, 1/40 BTU, is 1.2288e9 per second).
-uint64_t unitsAt(uint64_t nanoseconds, uint64_t unitsPerSecond) {
-  const uint64_t seconds = nanoseconds / kNanosecondsPerSecond;
-  const uint64_t rest = nanoseconds % kNanosecondsPerSecond;
-  return seconds * unitsPerSecond + rest * unitsPerSecond / kNanosecondsPerSecond;
-}
-
 RadioTime radioTimeAt(uint64_t nanoseconds) {
   const uint64_t fine = unitsAt(nanoseconds, kBtuPerSecond * kFinePerBtu);
   return RadioTime{(fine / kFinePerFrame) % kFrameCounterModulo, static_cast<uint32_t>(fine % kFinePerFrame)};
+}
+
+RadioTime radioTimeNow() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const uint32_t nanoseconds = static_cast<uint32_t>(now.tv_nsec);
+  const uint64_t frames = static_cast<uint64_t>(now.tv_sec) * kFramesPerSecond + nanoseconds / kNanosecondsPerFrame;
+  // 1/40 BTU per ns is 1.2288 = 768/625.
+  constexpr uint64_t kFineNumerator = 768, kFineDenominator = 625;
+  static_assert(kFinePerFrame * kFineDenominator == kNanosecondsPerFrame * kFineNumerator, "1.2288 fine units per ns");
+  const uint64_t fine = (nanoseconds % kNanosecondsPerFrame) * kFineNumerator / kFineDenominator;
+  return RadioTime{frames % kFrameCounterModulo, static_cast<uint32_t>(fine)};
 }
 
 uint32_t lteSymbolAt(uint64_t nanoseconds) {

@@ -15,6 +15,8 @@ constexpr uint64_t kFinePerBtu = 40;          // the fine position counts 1/40 B
 constexpr uint64_t kBtuPerFrame = 307200;     // 10 ms
 constexpr uint64_t kFinePerFrame = kBtuPerFrame * kFinePerBtu;
 constexpr uint64_t kFrameCounterModulo = 1u << 20;  // 10 bits frame, 10 bits hyper frame
+constexpr uint64_t kFramesPerSecond = 100;
+constexpr uint32_t kNanosecondsPerFrame = 10000000;
 constexpr uint64_t kSymbolsPerFrame = 140;          // 10 subframes of 14 symbols
 constexpr uint64_t kSymbolCycleFrames = 4096;       // the symbol counter wraps at 573440
 // The CDMA counter counts sixteenths of a 1.2288 MHz chip.
@@ -28,9 +30,21 @@ struct RadioTime {
 uint64_t monotonicNanoseconds();
 
 // ns * unitsPerSecond / 1e9 without overflow for any 64-bit ns (no 128-bit type on 32-bit ARM).
-uint64_t unitsAt(uint64_t nanoseconds, uint64_t unitsPerSecond);
+// The sub-second product stays below 1e9 * unitsPerSecond, which fits 64 bits for every rate used
+// here (the largest, 1/40 BTU, is 1.2288e9 per second). Inline, so that with a constant rate every
+// division is by a constant and costs a multiplication: the radio clock is read on every loop
+// iteration of every node.
+inline uint64_t unitsAt(uint64_t nanoseconds, uint64_t unitsPerSecond) {
+  const uint64_t seconds = nanoseconds / kNanosecondsPerSecond;
+  const uint64_t rest = nanoseconds % kNanosecondsPerSecond;
+  return seconds * unitsPerSecond + rest * unitsPerSecond / kNanosecondsPerSecond;
+}
 
 RadioTime radioTimeAt(uint64_t nanoseconds);
+// The radio time now: radioTimeAt of the monotonic clock, computed from its seconds and
+// nanoseconds apart, so that every division is one by a constant (ddal_sfn_get_bcn runs on every
+// loop iteration of every node).
+RadioTime radioTimeNow();
 // The simulated LTE symbol counter: symbols since frame 0 of a 4096-frame cycle, below 573440.
 uint32_t lteSymbolAt(uint64_t nanoseconds);
 uint64_t cdmaCountAt(uint64_t nanoseconds);

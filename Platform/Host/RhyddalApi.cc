@@ -26,6 +26,8 @@ constexpr uint64_t kMinPoolBytes = uint64_t{1} << 20;
 constexpr uint64_t kMaxPoolBytes = sizeof(void*) == 4 ? uint64_t{1} << 30 : uint64_t{64} << 30;
 constexpr uint64_t kMaxHoldBuffers = uint64_t{1} << 24;
 constexpr uint64_t kMaxSpinUs = 10000;
+// Long enough to bridge a peer's burst of a few dozen messages; spent only after traffic.
+constexpr uint64_t kDefaultSpinUs = 50;
 constexpr uint64_t kDefaultTimerSlackNs = 1000;
 constexpr uint64_t kMaxTimerSlackNs = 50 * 1000 * 1000;
 
@@ -42,7 +44,7 @@ MachineSettings settingsFromEnvironment() {
       environmentNumber("RHYDDAL_QUEUE_BYTES", kDefaultLaneBytes, kMinLaneBytes, kMaxLaneBytes));
   settings.holdLimit =
       static_cast<uint32_t>(environmentNumber("RHYDDAL_SENT_HOLD", kDefaultHoldLimit, 0, kMaxHoldBuffers));
-  settings.spinNs = environmentNumber("RHYDDAL_SPIN_US", 0, 0, kMaxSpinUs) * 1000;
+  settings.spinNs = environmentNumber("RHYDDAL_SPIN_US", kDefaultSpinUs, 0, kMaxSpinUs) * 1000;
   settings.timerSlackNs = environmentNumber("RHYDDAL_TIMER_SLACK_NS", kDefaultTimerSlackNs, 0, kMaxTimerSlackNs);
   return settings;
 }
@@ -114,7 +116,7 @@ void* em_event_pointer(uint32_t event) { return machine().eventPointer(event); }
 
 int ddal_sfn_get_bcn(unsigned long long* counter, uint32_t* fine, uint32_t flags) {
   (void)flags;
-  const rhyddal::RadioTime now = rhyddal::radioTimeAt(rhyddal::monotonicNanoseconds());
+  const rhyddal::RadioTime now = rhyddal::radioTimeNow();
   if (counter != nullptr) *counter = now.frameCounter;
   if (fine != nullptr) *fine = now.fine;
   return 0;

@@ -20,9 +20,11 @@ extern "C" {
  * life; when it ends, other nodes see the node as gone. Writes a non-zero transport handle.
  * flags are not used. Returns:
  *   0             attached
- *   -EINVAL       handle is null, or nid does not fit 16 bits
+ *   -EINVAL       handle is null, nid does not fit 16 bits, or (host) RHYDDAL_NAMESPACE is not
+ *                 a valid namespace
  *   -EALREADY     this process already serves a node
  *   -EADDRINUSE   a live process serves nid (a dead one's queue is replaced silently)
+ *   -ENOTSUP      (host) the C library's mutex is not laid out as the liveness probe needs
  *   other < 0     the negated errno of a failed shared-memory call */
 int vak_em_server_init(uint32_t nid, uint32_t cpu, uint32_t flags, uint32_t* handle);
 
@@ -42,9 +44,10 @@ void* vakem_alloc(uint32_t size);
  * type and pool are not used. */
 uint32_t vakem_alloc_direct(uint32_t size, uint32_t type, uint32_t pool);
 
-/* Releases a buffer (or a raw event's data, which also ends its handle). Null, and a buffer the
- * platform already owns (one just sent, or already freed), are ignored; a pointer that is no
- * buffer of this process is ignored with a line on stderr. */
+/* Releases a buffer (or a raw event's data, which also ends its handle). Null is ignored. The
+ * first free of a buffer just sent is expected (a sender that frees what it has sent) and is
+ * harmless and silent. Any other free of a buffer that is not the caller's (already free, sent
+ * and freed once already, no buffer of this process) is refused with a line on stderr. */
 void vakem_free(void* buffer);
 
 /* The next message for node nid, or null when none is waiting or nid is not the node this
@@ -58,10 +61,11 @@ void* vakem_receive(uint32_t nid);
  *   -EINVAL           message is null or not a buffer of this process in use
  *   -EMSGSIZE         the header's total length is below 16 or beyond the buffer's capacity
  *   -EHOSTUNREACH     no node runs at the receiver's node id
- *   -ENOBUFS          the receiving node's queue is full
+ *   -ENOBUFS          the receiving node's queue is full (host: this sender's lane there is
+ *                     full, or the node has no lane left for another sending process)
  *   -ENOTCONN         a loop-back route or the own node id, before vak_em_server_init
- *   -EPROTO           the receiving node's queue was made by an incompatible build
- *   -ENOTRECOVERABLE  the receiving queue's lock is unusable
+ *   -EPROTO           the receiving node's queue was made by an incompatible build, or (host)
+ *                     this sender's lane there is damaged
  *   other < 0         the negated errno of a failed shared-memory call */
 int vakem_send(void* message, uint32_t receiver);
 
@@ -76,8 +80,9 @@ int vakem_send_local_unreliable(void* message);
 int vakem_send_direct(uint32_t event, uint32_t receiver);
 
 /* Blocks until a message arrives for this node or the time has passed; seconds 0xFFFFFFFF waits
- * without limit. Never spins. Returns 0 when a message is waiting, 1 on time-out (and at once,
- * with a line on stderr, in a process that serves no node). */
+ * without limit. The host library polls for a short while first after a wait that ended with a
+ * message (RHYDDAL_SPIN_US), and sleeps otherwise. Returns 0 when a message is waiting, 1 on
+ * time-out (and at once, with a line on stderr, in a process that serves no node). */
 int vakem_wait_for_event(uint32_t seconds, uint32_t nanoseconds);
 
 /* The data address of a raw event, or null for an unknown handle. */

@@ -16,8 +16,7 @@ constexpr char kShmDirectory[] = "/dev/shm/";
 constexpr uint16_t kFirstTestNid = 0x2000;
 
 pid_t namespaceCreator = 0;
-// Spread by process id until every host platform in use keeps namespaces apart.
-std::atomic<uint16_t> nextNid{static_cast<uint16_t>(kFirstTestNid + (static_cast<unsigned>(getpid()) * 8u) % 0x3000u)};
+std::atomic<uint16_t> nextNid{kFirstTestNid};
 
 void removeAtExit() {
   if (getpid() == namespaceCreator) removeNamespaceObjects();

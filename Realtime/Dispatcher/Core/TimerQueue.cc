@@ -16,6 +16,7 @@ constexpr uint32_t kIndexMask = (1u << kIndexBits) - 1;
 constexpr uint32_t kGenerationMask = 0xFFFFFF;
 constexpr uint32_t kFirstGeneration = 1;
 static_assert(TimerQueue::kEntryCount <= kIndexMask + 1, "the index fits its identifier bits");
+static_assert(TimerQueue::kEntryCount <= 32, "one bit per entry in a 32-bit mask");
 
 constexpr uint64_t kNanosecondsPerSlot = 500000;
 
@@ -29,31 +30,37 @@ uint32_t takeGeneration() {
   return generation;
 }
 
-// Leaves the expired flag alone: a mark left behind by a cancel is consumed by delivery.
-void freeEntry(TimerQueue::Entry& entry) {
-  entry.msg = nullptr;
-  entry.remaining = 0;
-  entry.period = 0;
-  entry.id = 0;
-}
-
 // A periodic timer that missed several periods fires once and keeps its phase.
 uint64_t remainingAfterOvershoot(uint64_t period, uint64_t overshoot) {
   if (overshoot <= period) return period - overshoot;
   return period - overshoot % period;
 }
 
-void countDownEntry(TimerQueue::Entry& entry, uint64_t elapsed) {
+uint32_t bitOf(unsigned index) { return 1u << index; }
+
+}  // namespace
+
+// Leaves the expired mark alone: a mark left behind by a cancel is consumed by delivery.
+void TimerQueue::release(unsigned index) {
+  Entry& entry = m_entries[index];
+  entry.msg = nullptr;
+  entry.remaining = 0;
+  entry.period = 0;
+  entry.id = 0;
+  m_armed &= ~bitOf(index);
+}
+
+void TimerQueue::countDownEntry(unsigned index, uint64_t elapsed) {
+  Entry& entry = m_entries[index];
   if (entry.remaining > elapsed) {
     entry.remaining -= elapsed;
     return;
   }
   entry.expired = true;
+  m_expired |= bitOf(index);
   // A one-shot entry keeps its remaining time until it is delivered and freed.
   if (entry.period != 0) entry.remaining = remainingAfterOvershoot(entry.period, elapsed - entry.remaining);
 }
-
-}  // namespace
 
 TimerQueue::TimerQueue() : m_lastTime(LteTime::unreadable(EAaLteTimeRetVal_ClockUnreadable)) {}
 
@@ -63,7 +70,9 @@ unsigned TimerQueue::activate(LteTime lastTime, void* msg, LteTime expiry, LteTi
   OLM_ASSERT_TEXT(index < kEntryCount, "0");
   Entry& entry = m_entries[index];
   entry.expired = false;
+  m_expired &= ~bitOf(index);
   entry.msg = msg;
+  m_armed |= bitOf(index);
   // An expiry already behind the last time wraps to almost a whole cycle.
   entry.remaining = (expiry - lastTime).getSamples();
   entry.period = period.getSamples();
@@ -80,7 +89,7 @@ void* TimerQueue::deactivate(unsigned id) {
   if (entry.msg == nullptr && id == 0) return nullptr;
   OLM_ASSERT_TEXT(entry.msg != nullptr, "entries[id].msg != 0");
   void* msg = entry.msg;
-  freeEntry(entry);
+  release(index);
   return msg;
 }
 
@@ -91,22 +100,22 @@ void TimerQueue::countDown(const LteTime& now) {
   // clock is back within reach of the last time. Before the first count-down any length goes.
   const bool lastTimeSet = m_lastTime.getStatus() == EAaLteTimeRetVal_Ok;
   if (elapsed > kMaxCountDown && lastTimeSet) return;
-  for (Entry& entry : m_entries) {
-    if (entry.msg != nullptr) countDownEntry(entry, elapsed);
+  for (uint32_t armed = m_armed; armed != 0; armed &= armed - 1) {
+    countDownEntry(static_cast<unsigned>(__builtin_ctz(armed)), elapsed);
   }
   m_lastTime = now;
 }
 
 bool TimerQueue::takeExpired(Expiry& expiry) {
-  for (Entry& entry : m_entries) {
-    if (!entry.expired) continue;
-    entry.expired = false;
-    expiry.msg = entry.msg;
-    expiry.periodic = entry.period != 0;
-    if (!expiry.periodic) freeEntry(entry);
-    return true;
-  }
-  return false;
+  if (m_expired == 0) return false;
+  const unsigned index = static_cast<unsigned>(__builtin_ctz(m_expired));
+  Entry& entry = m_entries[index];
+  entry.expired = false;
+  m_expired &= ~bitOf(index);
+  expiry.msg = entry.msg;
+  expiry.periodic = entry.period != 0;
+  if (!expiry.periodic) release(index);
+  return true;
 }
 
 bool TimerQueue::nextDeadline(uint32_t& seconds, uint32_t& nanoseconds) const {

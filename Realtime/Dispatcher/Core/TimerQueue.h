@@ -60,8 +60,15 @@ class TimerQueue {
   static void setGeneration(uint32_t generation);
 
  private:
+  void release(unsigned index);
+  void countDownEntry(unsigned index, uint64_t elapsed);
+
   LteTime m_lastTime;
   Entry m_entries[kEntryCount];
+  // Mirrors of the entries' msg != null and expired fields, one bit per entry, so that the loop's
+  // count-down and delivery, run on every iteration, touch only the entries that matter.
+  uint32_t m_armed = 0;
+  uint32_t m_expired = 0;
 };
 
 }  // namespace Olm

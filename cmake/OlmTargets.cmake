@@ -8,8 +8,15 @@ endif()
 if(OLM_SANITIZE AND OLM_THREAD_SANITIZER)
   message(FATAL_ERROR "OLM_SANITIZE and OLM_THREAD_SANITIZER exclude each other: use two build trees")
 endif()
+if(OLM_FUZZ AND NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  message(FATAL_ERROR "OLM_FUZZ needs clang: configure with -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++")
+endif()
 set(OLM_SANITIZER_FLAGS)
-if(OLM_SANITIZE)
+if(OLM_FUZZ)
+  # Everything carries libFuzzer's coverage and the address checks; only the targets get its main.
+  set(OLM_SANITIZER_FLAGS -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+      -fno-omit-frame-pointer)
+elseif(OLM_SANITIZE)
   set(OLM_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
 elseif(OLM_THREAD_SANITIZER)
   set(OLM_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
@@ -44,6 +51,22 @@ function(olm_add_test name)
                        PROPERTIES TIMEOUT 120 SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
 endfunction()
 
+# olm_add_fuzzer(<name> SOURCES <files...> [LIBRARIES <targets...>])
+# A libFuzzer target for a handler of input that comes from outside the process; built only with
+# OLM_FUZZ. scripts/fuzz.sh runs every target of this kind.
+function(olm_add_fuzzer name)
+  if(NOT OLM_FUZZ)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  olm_target_defaults(${name})
+  target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  set_property(GLOBAL APPEND PROPERTY OLM_FUZZERS ${name})
+endfunction()
+
 # The runtime is built in layers, each an object library of its own directory. A layer sees the
 # public headers (Realtime/Include), its own directory and what the layers it DEPENDS on export,
 # nothing else, so an include against the direction of the layers does not compile. The README's
@@ -59,7 +82,7 @@ function(olm_runtime_layer target)
   cmake_parse_arguments(ARG "PRIVATE_DIRECTORY" "" "DEPENDS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
   file(GLOB tests CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
-  list(FILTER sources EXCLUDE REGEX "_(test|benchmark)\\.cc$")
+  list(FILTER sources EXCLUDE REGEX "_(test|benchmark|fuzzer)\\.cc$")
   add_library(${target} OBJECT ${sources})
   olm_target_defaults(${target})
   # Only what the public headers declare leaves the shared library (OlmApi.h).

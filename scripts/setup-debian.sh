@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs what building and testing need on Debian 12, with apt-get, only where it is missing.
+# Usage: scripts/setup-debian.sh [more packages...]
 set -euo pipefail
 
-packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev gdb procps)
+# Extra packages a caller needs may follow as arguments.
+packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev gdb procps "$@")
 
 missing=()
 for package in "${packages[@]}"; do

@@ -13,6 +13,11 @@ void FakeMsgPort::sendMsg(void* msg) {
   if (msg != nullptr) m_sent.push_back(msg);
 }
 
+void FakeMsgPort::releaseSent() {
+  for (void* msg : m_sent) release(msg);
+  m_sent.clear();
+}
+
 void FakeMsgPort::waitForNextEvent(unsigned int seconds, unsigned int nanoseconds) {
   m_waits.emplace_back(seconds, nanoseconds);
 }

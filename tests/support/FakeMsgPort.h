@@ -24,6 +24,8 @@ class FakeMsgPort : public Olm::IMsgPort, public BufferPool {
 
   // Messages handed to sendMsg, still owned by the fake until its destructor.
   const std::vector<void*>& sent() const { return m_sent; }
+  // Frees every message sent so far and forgets it (a long run that must not grow).
+  void releaseSent();
   const std::vector<std::pair<unsigned, unsigned>>& waits() const { return m_waits; }
 
  private:

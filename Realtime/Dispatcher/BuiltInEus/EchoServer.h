@@ -76,7 +76,7 @@ class EchoServer : public IAaSysDispatcherSicHandler {
 
   uint16_t m_ownCpid = kOwnCpid;
   uint32_t m_histTimerId = 0;
-  uint32_t m_idleMeterTimerId = 0;
+  [[maybe_unused]] uint32_t m_idleMeterTimerId = 0;  // the idle meter's timer, once it exists
   OLMLiteStatsRaw* m_stats = nullptr;
 };
 

@@ -14,7 +14,7 @@ class SicFtpFwEu : public IAaSysDispatcherSicHandler {
   void ProcessMessage(void*& msg) override;
 
  private:
-  uint32_t m_unused = 0;
+  [[maybe_unused]] uint32_t m_unused = 0;
 };
 
 }  // namespace Olm

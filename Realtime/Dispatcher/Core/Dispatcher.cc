@@ -25,7 +25,6 @@ using Ticks = decltype(AaTicksGet());
 static_assert(sizeof(Ticks) <= sizeof(uint64_t), "tick readings fit the Dispatcher's record");
 
 constexpr uint32_t kMaxTimerMsgLength = 65536;
-constexpr uint64_t kNanosecondsPerSecond = 1000000000ull;
 const char* const kQueueNames[Dispatcher::kQueueCount] = {"HIGH", "MED", "LOW"};
 
 }  // namespace

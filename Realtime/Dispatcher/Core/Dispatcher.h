@@ -146,7 +146,7 @@ class Dispatcher final : public IAaSysDispatcher, public IRuntime {
 
   uint16_t m_currentCpid = 0;
   uint16_t m_ownNid = kDefaultOwnNid;
-  uint16_t m_reserved = 0xFFF0;  // no operation reads it; kept for the layout
+  [[maybe_unused]] uint16_t m_reserved = 0xFFF0;  // no operation reads it; kept for the layout
   LteTime m_now;
   bool m_timing = false;
   char* m_statsBuffer = nullptr;

@@ -40,8 +40,11 @@ const CalendarClock kLocalClock = {localtime_r, "AaLocalTimeGet(): timePtr is nu
                                    "AaLocalTimeGet(): error gettimeofday: %m",
                                    "AaLocalTimeGet(): error localtime_r: %m\n"};
 
-// The texts may hold %m, so they go through as the format.
+// The texts may hold %m, so they go through as the format; every one is a literal of this file.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
 void logError(const char* text) { AaSysLogPrintE(EAaSysLogSeverityLevel_Error, AASYSLOG_FEATURE_NONE, text); }
+#pragma GCC diagnostic pop
 
 EAaSysTimeRetVal calendarTimeGet(const CalendarClock& clock, SAaTime* timePtr) {
   if (timePtr == nullptr) {

@@ -10,7 +10,7 @@
 #                                (the default after traffic) over a bare busy-polling ring's, apart
 #                                (aim <= 3)
 #   timer_p50_over_timerfd       a 1 ms LTE timer's lateness p50 on an idle node over a bare
-#                                timerfd loop's, same thread (target <= 1.1)
+#                                timerfd loop's, the two alternating on one thread (target <= 1.1)
 # Figures are medians of repetitions. Usage: bench/ratios.sh [build dir]   (default build/native;
 # build it as RelWithDebInfo or Release).
 set -euo pipefail
@@ -30,7 +30,7 @@ run() {
     --benchmark_format=json 2>/dev/null |
     awk -v label="$label" '
       /"name":/ { name = $2; gsub(/[",]/, "", name) }
-      /"(items_per_second|p50_us|one_way_msgs_per_s)":/ {
+      /"(items_per_second|p50_us|one_way_msgs_per_s|node_p50_us|timerfd_p50_us)":/ {
         key = $1; gsub(/[":]/, "", key); value = $2; gsub(/,/, "", value)
         if (name ~ /_median$/) { sub(/_median$/, "", name); print label, name, key, value }
       }' | tee -a "$results" >&2
@@ -59,4 +59,4 @@ ratio rtt_p50_over_bare_same_cpu "$(value same-parking BM_NodeRoundTrip p50_us)"
   "$(value same-parking BM_BareRingRoundTrip p50_us)"
 ratio rtt_p50_spinning_over_busy_ring "$(value apart-spinning BM_NodeRoundTrip p50_us)" \
   "$(value apart BM_BareRingRoundTripPolling p50_us)"
-ratio timer_p50_over_timerfd "$(value same BM_NodeTimerLateness p50_us)" "$(value same BM_TimerfdLateness p50_us)"
+ratio timer_p50_over_timerfd "$(value same BM_TimerLateness node_p50_us)" "$(value same BM_TimerLateness timerfd_p50_us)"

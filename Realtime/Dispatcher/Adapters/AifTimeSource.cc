@@ -57,6 +57,10 @@ LteTime AifTimeSource::getLTETime_real() {
   return time;
 }
 
+uint32_t AifTimeSource::readRegister(unsigned word) const {
+  return __atomic_load_n(const_cast<const uint32_t*>(&m_atregs[word]), __ATOMIC_ACQUIRE);
+}
+
 LteTime AifTimeSource::getLTETime_sim() {
   const uint32_t symbol = m_atregs[kSymbolCounterWord];
   OLM_ASSERT_TEXT(symbol < kSymbolCounterRange, "symbol < (4096*10*14)");
@@ -66,12 +70,15 @@ LteTime AifTimeSource::getLTETime_sim() {
 }
 
 int AifTimeSource::getCdmaTime_real(unsigned long long* time, unsigned int a, unsigned int b) {
-  // The high word is re-read until it did not change around the low word: a consistent pair.
+  // The high word is re-read until it did not change around the low word: a consistent pair. The
+  // three reads must happen in this order: the board's device memory keeps them in order anyway,
+  // but the page a host emulates is ordinary memory, where a processor may reorder plain loads, so
+  // each is an acquire load (on x86 a plain load all the same).
   uint32_t high, low;
   do {
-    high = m_atregs[kCdmaHighWord];
-    low = m_atregs[kCdmaLowWord];
-  } while (m_atregs[kCdmaHighWord] != high);
+    high = readRegister(kCdmaHighWord);
+    low = readRegister(kCdmaLowWord);
+  } while (readRegister(kCdmaHighWord) != high);
   const uint32_t sub = ((a << 10) | b) & kCdmaSubChipMask;
   const uint32_t count = sub < low ? high + 1 : high;
   const uint32_t lowPart = (count << kCdmaSubChipBits) | sub;

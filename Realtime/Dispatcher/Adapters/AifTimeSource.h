@@ -50,6 +50,8 @@ class AifTimeSource : public ITimeSource {
   int getCdmaTime_sim(unsigned long long* time, unsigned int a, unsigned int b);
 
  private:
+  uint32_t readRegister(unsigned word) const;
+
   volatile uint32_t* m_atregs = nullptr;
   bool m_simMode = false;
 };

@@ -92,13 +92,17 @@ class TimerfdLoop {
 void BM_TimerLateness(benchmark::State& state) {
   roundtrip::pinBenchProcess();
   static TickEu tickEu;
-  Olm::Dispatcher& dispatcher = bench::startNode("TimerLateness_benchmark");
-  dispatcher.AaSysDispatcherCpidBind(tickEu, kTimerCpid);
+  static Olm::Dispatcher& dispatcher = [] () -> Olm::Dispatcher& {
+    Olm::Dispatcher& created = bench::startNode("TimerLateness_benchmark");
+    created.AaSysDispatcherCpidBind(tickEu, kTimerCpid);
+    return created;
+  }();
   const TAaSysComSicad self = AaSysComSicadGet(kTimerCpid, AaSysComGetOwnNid());
   void* tick = AaSysComMsgCreate(kTickMsgId, 0, self);
   AaSysComMsgSetSender(tick, self);
   const uint64_t first = (dispatcher.getLteTime().getSamples() + kPeriodBtu) % Olm::LteTime::MaxSamples;
   tickEu.expectFirstAt(first, &dispatcher);
+  tickEu.latenessUs.clear();
   const unsigned timer = dispatcher.startTimer(Olm::LteTime(first), Olm::LteTime(kPeriodBtu), tick);
   TimerfdLoop timerfd;
   std::vector<double> nodeUs, timerfdUs;

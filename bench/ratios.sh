@@ -32,7 +32,7 @@ run() {
       /"name":/ { name = $2; gsub(/[",]/, "", name) }
       /"(items_per_second|p50_us|one_way_msgs_per_s|node_p50_us|timerfd_p50_us)":/ {
         key = $1; gsub(/[":]/, "", key); value = $2; gsub(/,/, "", value)
-        if (name ~ /_median$/) { sub(/_median$/, "", name); print label, name, key, value }
+        if (name ~ /_median$/) { benchmark = name; sub(/_median$/, "", benchmark); print label, benchmark, key, value }
       }' | tee -a "$results" >&2
 }
 

@@ -11,6 +11,20 @@ namespace {
 IRuntime* theRuntime = nullptr;
 }
 
+void IRuntime::logf(unsigned int count, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vlogf(count, format, args);
+  va_end(args);
+}
+
+void IRuntime::logfString(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vlogfString(format, args);
+  va_end(args);
+}
+
 IRuntime* IRuntime::getTheRuntime() { return theRuntime; }
 
 IRuntime& IRuntime::getRuntimeInstance() {

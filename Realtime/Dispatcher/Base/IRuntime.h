@@ -41,9 +41,12 @@ class IRuntime {
   virtual int getCdmaTime(unsigned long long* time, unsigned int a, unsigned int b) = 0;
   virtual unsigned long long getTimestamp() = 0;
 
-  // The Dispatcher's log (argument conventions of ILog).
+  // The Dispatcher's log (argument conventions of ILog); each variadic form only starts the
+  // argument list and calls its v twin.
   virtual void vlogf(unsigned int count, const char* format, va_list args) = 0;
   virtual void vlogfString(const char* format, va_list args) = 0;
+  void logf(unsigned int count, const char* format, ...);
+  void logfString(const char* format, ...);
 
   virtual uint16_t getOwnNid() const = 0;
 

@@ -316,22 +316,8 @@ unsigned long long Dispatcher::getTimestamp() { return m_timeSource->getTS(); }
 // ---------------------------------------------------------------------------------------------
 // Logging
 
-void Dispatcher::logf(unsigned int count, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vlogf(count, format, args);
-  va_end(args);
-}
-
 void Dispatcher::vlogf(unsigned int count, const char* format, va_list args) {
   if (m_log != nullptr) m_log->vlogf(count, format, args);
-}
-
-void Dispatcher::logfString(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vlogfString(format, args);
-  va_end(args);
 }
 
 void Dispatcher::vlogfString(const char* format, va_list args) {

@@ -77,10 +77,8 @@ class Dispatcher final : public IAaSysDispatcher, public IRuntime {
   int getCdmaTime(unsigned long long* time, unsigned int a, unsigned int b) override;
   unsigned long long getTimestamp() override;
 
-  // Logging through the ILog.
-  void logf(unsigned int count, const char* format, ...);
+  // Logging through the ILog (logf and logfString come with IRuntime).
   void vlogf(unsigned int count, const char* format, va_list args) override;
-  void logfString(const char* format, ...);
   void vlogfString(const char* format, va_list args) override;
   void pause();
   void logMsgOperation(const char* operation, void* msg);

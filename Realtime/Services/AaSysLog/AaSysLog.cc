@@ -82,15 +82,8 @@ void* createLogMessage(const Olm::SysLogLine& line, TAaSysComNid ownNid) {
   return msg;
 }
 
-void logfString(Olm::IRuntime& runtime, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  runtime.vlogfString(format, args);
-  va_end(args);
-}
-
 void copyToDispatcherLog(Olm::IRuntime& runtime, uint32_t featureId, const Olm::SysLogLine& line) {
-  if (featureId != kNoFeature) logfString(runtime, "%s", line.text);
+  if (featureId != kNoFeature) runtime.logfString("%s", line.text);
 }
 
 void sendOrDiscard(Olm::IRuntime& dispatcher, void* msg, uint32_t outputSwitch) {

@@ -41,6 +41,13 @@ std::string FakeRuntime::sentText(size_t index) const {
   return std::string(payload, header.totalLength - AASYSCOM_HEADER_SIZE);
 }
 
+bool FakeRuntime::anySentTextContains(const std::string& text) const {
+  for (size_t index = 0; index < m_sent.size(); ++index) {
+    if (sentText(index).find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
 unsigned int FakeRuntime::startTimer(Olm::LteTime expiry, Olm::LteTime period, void* msg) {
   const unsigned int id = kFirstTimerId + static_cast<unsigned int>(m_timers.size());
   m_timers.push_back(Timer{id, expiry, period, msg, true});

@@ -60,6 +60,8 @@ class FakeRuntime : public Olm::IRuntime, public BufferPool {
   const std::vector<Timer>& timers() const { return m_timers; }
   // The payload of the index-th message sent, as text: a system log line, with its terminator.
   std::string sentText(size_t index) const;
+  // Whether the text of any message sent contains text.
+  bool anySentTextContains(const std::string& text) const;
   // Live buffers that the runtime does not hold (neither sent nor with an armed timer).
   size_t leakedBuffers() const;
 

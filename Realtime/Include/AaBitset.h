@@ -8,8 +8,9 @@
  * pointer, 32 bits on 32-bit ARM, 64 on 64-bit processors, and the searches take a word a step).
  *
  * Not thread-safe: callers that share a bitset serialise their calls (an AaCpuSpinLock beside it,
- * for instance). Argument errors are logged with AaSysLogPrintE (feature AASYSLOG_FEATURE_NONE,
- * the text starting with the function's name) and returned; nothing else is logged. */
+ * for instance). Argument errors and a failed allocation are logged with AaSysLogPrintE (feature
+ * AASYSLOG_FEATURE_NONE, the text starting with the function's name) and returned; a search that
+ * finds nothing is not logged. */
 #ifndef OLM_AABITSET_H
 #define OLM_AABITSET_H
 

@@ -16,7 +16,7 @@
  * afterwards. It holds no pointer, so a FIFO in shared memory works at whatever address each
  * process maps it (processes of the same word size). Not thread-safe: callers that share a FIFO
  * serialise their calls (an AaCpuSpinLock beside it, for instance). Argument errors, a put out of
- * range and a double put are logged with AaSysLogPrintE (feature AASYSLOG_FEATURE_NONE, the text
+ * range, a double put and a failed allocation are logged with AaSysLogPrintE (feature AASYSLOG_FEATURE_NONE, the text
  * starting with the function's name) and returned; an empty FIFO is not logged. */
 #ifndef OLM_AAGPUIDFIFO_H
 #define OLM_AAGPUIDFIFO_H

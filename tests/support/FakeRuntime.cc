@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include "AaSysComMsgHeader.h"
+
 namespace OlmTest {
 
 namespace {
@@ -31,6 +33,19 @@ void FakeRuntime::deleteMessage(void* msg) {
 bool FakeRuntime::sendMessage(void* msg) {
   m_sent.push_back(msg);
   return m_sendResult;
+}
+
+std::string FakeRuntime::sentText(size_t index) const {
+  const SAaSysComMsgHeader& header = *Olm::msgHeader(m_sent.at(index));
+  const char* payload = reinterpret_cast<const char*>(&header + 1);
+  return std::string(payload, header.totalLength - AASYSCOM_HEADER_SIZE);
+}
+
+bool FakeRuntime::anySentTextContains(const std::string& text) const {
+  for (size_t index = 0; index < m_sent.size(); ++index) {
+    if (sentText(index).find(text) != std::string::npos) return true;
+  }
+  return false;
 }
 
 unsigned int FakeRuntime::startTimer(Olm::LteTime expiry, Olm::LteTime period, void* msg) {

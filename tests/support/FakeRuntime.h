@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "BufferPool.h"
@@ -57,6 +58,10 @@ class FakeRuntime : public Olm::IRuntime, public BufferPool {
   // Every message sent, in order, and every timer started, in order.
   const std::vector<void*>& sent() const { return m_sent; }
   const std::vector<Timer>& timers() const { return m_timers; }
+  // The payload of the index-th message sent, as text: a system log line, with its terminator.
+  std::string sentText(size_t index) const;
+  // Whether the text of any message sent contains text.
+  bool anySentTextContains(const std::string& text) const;
   // Live buffers that the runtime does not hold (neither sent nor with an armed timer).
   size_t leakedBuffers() const;
 

@@ -65,11 +65,7 @@ class AaSysLogTest : public OlmTest::FakeRuntimeTest {
 
   const SAaSysComMsgHeader& sentHeader(size_t index) { return *Olm::msgHeader(runtime.sent().at(index)); }
 
-  std::string sentText(size_t index) {
-    const auto& header = sentHeader(index);
-    const char* payload = reinterpret_cast<const char*>(&header + 1);
-    return std::string(payload, header.totalLength - AASYSCOM_HEADER_SIZE);
-  }
+  std::string sentText(size_t index) { return runtime.sentText(index); }
 };
 
 TEST_F(AaSysLogTest, TheLineGoesToTheLogCollectorOfTheNodeGroup) {

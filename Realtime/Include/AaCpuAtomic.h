@@ -14,14 +14,15 @@
  *   on every processor the runtime runs on); put AaCpuAtomicMemoryBarrier between them, or use
  *   AaCpuAtomicSwap for the store, where the order matters.
  *
- * Precondition of every function taking a word: the pointer is not null and is 4-byte aligned.
- * A misaligned word is not atomic on ARM (the exclusive accesses fault) and only by accident on
- * x86, so the functions check the pointer and a bad one ends the process with an assertion report
- * naming the function. They return no result codes: an operation on a word that does not exist has
- * no value to return, and a caller who carried on would hold a lock or a count it does not have.
- * The check is one test of the pointer's low bits beside an instruction that orders memory.
+ * A word pointer that is null or not 4-byte aligned (such a word is not atomic: on ARM the
+ * exclusive accesses fault, on x86 it is atomic only by accident) is refused: the function logs
+ * "<function>(): atomic <pointer> is null or not 4-byte aligned" with AaSysLogPrintE (error,
+ * feature 0xFFFF), touches nothing and returns 0; AaCpuAtomicCompareAndSwap returns ~expected,
+ * so that its caller sees a failed exchange. The check is one test of the pointer's low bits beside
+ * an instruction that orders memory.
  *
- * Safe from any thread and from signal handlers (no function takes a lock or allocates). */
+ * Safe from any thread and from signal handlers (no function takes a lock or allocates; only the
+ * refusal of a bad pointer logs). */
 #ifndef OLM_AACPUATOMIC_H
 #define OLM_AACPUATOMIC_H
 

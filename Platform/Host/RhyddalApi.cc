@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "BtsTimeSync.h"
 #include "EventMachine.h"
 #include "HostEnvironment.h"
 #include "MailboxLayout.h"
@@ -81,8 +82,11 @@ extern "C" {
 int vak_em_server_init(uint32_t nid, uint32_t cpu, uint32_t flags, uint32_t* handle) {
   (void)flags;
   const int rc = machine().serverInit(nid, cpu, handle);
-  if (rc == 0) std::atexit(rhyddal::unlinkOwnMailboxAtExit);
-  return rc;
+  if (rc != 0) return rc;
+  std::atexit(rhyddal::unlinkOwnMailboxAtExit);
+  // A node whose CDMA time service cannot map the object still runs: its calls then fail softly.
+  rhyddal::ensureBtsTimeSyncObject();
+  return 0;
 }
 
 int vak_em_add_test_route(uint32_t kind, uint32_t from, uint32_t to, uint32_t arg) {

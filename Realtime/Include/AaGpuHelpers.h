@@ -72,9 +72,11 @@ EAaGpuHelpersRet AaGpuHelpersHexdumpBuild(const void** data, uint32_t* remaining
  * frame number, the instruction address (the interrupted one in frame #00 of a signal context,
  * elsewhere the return address), the symbol with the offset of that address in it (C++ names
  * mangled), and the object the address lies in with its offset from the object's load address
- * (what addr2line takes). What cannot be found prints as "?". A line says so when the trace was
- * cut short: "#64 ... cut after 64 frames", or "#NN ... unwinding stopped (error -N)" when the
- * unwinder could not step further. Lines are cut at 255 characters.
+ * (what addr2line takes). What cannot be found prints as "?". A last line says so when the trace
+ * was cut short: "#64 cut after 64 frames", or "#NN unwinding stopped (error -N)" (NN the next
+ * frame's number, N libunwind's error code) when the unwinder could not step further. Lines are
+ * cut at 255 characters. On 32-bit ARM a trace goes only through code built with unwinding tables
+ * (the runtime is built with -funwind-tables; an EU library should be too).
  *
  * Inside a signal handler they rely on: libunwind's local unwinding (unw_init_local2, unw_step,
  * unw_get_proc_name are async-signal-safe: they read the unwind tables and the objects' symbol

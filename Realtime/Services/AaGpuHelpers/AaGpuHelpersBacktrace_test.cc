@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -23,15 +22,12 @@ int olmTestCallerOfCrash();
 uint32_t olmTestTraceFromHere(uint32_t skip);
 uint32_t olmTestOuterCaller(uint32_t skip);
 uint32_t olmTestRecurse(uint32_t depth, std::vector<std::string>* lines);
-uint32_t olmTestSysLogTraceFromHere(uint32_t fatality);
-uint32_t olmTestNonFatalSysLogTraceFromHere();
 }
 
 namespace {
 
 int* volatile s_nowhere = nullptr;
 OlmTest::FakeRuntime* s_runtime = nullptr;
-int s_outputFd = -1;
 
 constexpr int kChildHandledTheSignal = 0;
 constexpr int kChildSurvivedTheFault = 3;
@@ -50,14 +46,6 @@ extern "C" __attribute__((noinline)) uint32_t olmTestTraceFromHere(uint32_t skip
 
 extern "C" __attribute__((noinline)) uint32_t olmTestOuterCaller(uint32_t skip) {
   return olmTestTraceFromHere(skip) + 1;
-}
-
-extern "C" __attribute__((noinline)) uint32_t olmTestSysLogTraceFromHere(uint32_t fatality) {
-  return AaGpuHelpersBacktraceDumpIpsSysLog(fatality, nullptr) + 1;
-}
-
-extern "C" __attribute__((noinline)) uint32_t olmTestNonFatalSysLogTraceFromHere() {
-  return AaGpuHelpersBacktraceDumpIpsSysLog(0, nullptr) + 1;
 }
 
 namespace {
@@ -138,137 +126,101 @@ testing::AssertionResult namesFunctionInProgram(const std::string& line, const s
   return testing::AssertionSuccess();
 }
 
+// The ident of the child processes' system log; the C library copies each line to standard error.
+constexpr char kIdent[] = "OlmLiteRtTest";
+
 struct ChildResult {
   int status = -1;
-  std::string output;
+  std::vector<std::string> traceLines;  // what the child logged, without the ident
 };
 
-// Runs body in a child process whose output descriptor is a pipe, and collects what it wrote
-// until it ended.
-ChildResult runChild(void (*body)(int outputFd)) {
+// Runs body in a child process with the system log opened as a signal handler finds it, and
+// collects the trace lines the child logged until it ended.
+ChildResult runChild(void (*body)()) {
   ChildResult result;
   int fds[2];
   if (pipe(fds) != 0) return result;
   const pid_t pid = fork();
   if (pid == 0) {
-    close(fds[0]);
-    body(fds[1]);
+    dup2(fds[1], STDERR_FILENO);
+    openlog(kIdent, LOG_PERROR, LOG_USER);
+    body();
     _exit(kChildSurvivedTheFault);
   }
   close(fds[1]);
+  std::string output;
   char buffer[4096];
   for (ssize_t got; (got = read(fds[0], buffer, sizeof(buffer))) != 0;) {
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) break;
-    result.output.append(buffer, static_cast<size_t>(got));
+    if (got > 0) output.append(buffer, static_cast<size_t>(got));
+    if (got < 0 && errno != EINTR) break;
   }
   close(fds[0]);
   while (waitpid(pid, &result.status, 0) < 0 && errno == EINTR) {
   }
+  const std::string prefix = std::string(kIdent) + ": ";
+  for (const std::string& line : splitLines(output)) {
+    if (line.compare(0, prefix.size(), prefix) == 0) result.traceLines.push_back(line.substr(prefix.size()));
+  }
   return result;
 }
 
-void crashWithHandler(void (*handler)(int, siginfo_t*, void*)) {
+void (*s_faultHandler)(int, siginfo_t*, void*);
+
+void faultInKnownFunction() {
   struct sigaction action = {};
-  action.sa_sigaction = handler;
+  action.sa_sigaction = s_faultHandler;
   action.sa_flags = SA_SIGINFO | SA_RESETHAND;
   sigemptyset(&action.sa_mask);
   sigaction(SIGSEGV, &action, nullptr);
   olmTestCallerOfCrash();
 }
 
-void writeAll(int fd, const std::string& text) {
-  for (size_t done = 0; done < text.size();) {
-    const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
-    if (wrote <= 0) return;
-    done += static_cast<size_t>(wrote);
-  }
-}
-
-void expectHandled(const ChildResult& child) {
-  ASSERT_TRUE(WIFEXITED(child.status)) << "status " << child.status << ", output:\n" << child.output;
-  ASSERT_EQ(WEXITSTATUS(child.status), kChildHandledTheSignal) << child.output;
-}
-
 // A trace from a real fault
-
-void serviceLogTraceOfFault(int, siginfo_t*, void* context) {
-  AaGpuHelpersBacktraceDumpIps(0, context);
-  std::string text;
-  for (const std::string& line : traceLinesSent(*s_runtime)) text += line + "\n";
-  writeAll(s_outputFd, text);
-  _exit(kChildHandledTheSignal);
-}
-
-void systemLogTraceOfFault(int, siginfo_t*, void* context) {
-  AaGpuHelpersBacktraceDumpIpsSysLog(2, context);
-  _exit(kChildHandledTheSignal);
-}
 
 class AaGpuHelpersBacktrace : public OlmTest::FakeRuntimeTest {
  protected:
   void SetUp() override { s_runtime = &runtime; }
+
+  void expectTraceOfFault(void (*handler)(int, siginfo_t*, void*)) {
+    s_faultHandler = handler;
+    const ChildResult child = runChild(faultInKnownFunction);
+    const std::string lines = testing::PrintToString(child.traceLines);
+    ASSERT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == kChildHandledTheSignal)
+        << "status " << child.status << ", " << lines;
+    EXPECT_TRUE(namesFunctionInProgram(frameLine(child.traceLines, "#00"), FUNCTION(olmTestCrashInKnownFunction))) << lines;
+    EXPECT_TRUE(namesFunctionInProgram(frameLine(child.traceLines, "#01"), FUNCTION(olmTestCallerOfCrash))) << lines;
+  }
 };
 
 TEST_F(AaGpuHelpersBacktrace, ATraceFromTheSignalContextStartsAtTheFaultingFunctionThenItsCaller) {
-  const ChildResult child = runChild([](int fd) {
-    s_outputFd = fd;
-    crashWithHandler(serviceLogTraceOfFault);
+  expectTraceOfFault([](int, siginfo_t*, void* context) {
+    AaGpuHelpersBacktraceDumpIps(0, context);
+    for (const std::string& line : traceLinesSent(*s_runtime)) syslog(LOG_ERR, "%s", line.c_str());
+    _exit(kChildHandledTheSignal);
   });
-  expectHandled(child);
-  const std::vector<std::string> lines = splitLines(child.output);
-  EXPECT_TRUE(namesFunctionInProgram(frameLine(lines, "#00"), FUNCTION(olmTestCrashInKnownFunction))) << child.output;
-  EXPECT_TRUE(namesFunctionInProgram(frameLine(lines, "#01"), FUNCTION(olmTestCallerOfCrash))) << child.output;
-  EXPECT_LE(lines.size(), AAGPUHELPERS_BACKTRACE_MAX_FRAMES + 1);
 }
 
 TEST_F(AaGpuHelpersBacktrace, TheSystemLogFormWritesTheSameFramesThroughSyslog) {
-  const ChildResult child = runChild([](int fd) {
-    // The C library copies each system log line to standard error.
-    dup2(fd, STDERR_FILENO);
-    openlog("OlmLiteRtTest", LOG_PERROR, LOG_USER);
-    crashWithHandler(systemLogTraceOfFault);
-  });
-  expectHandled(child);
-  std::vector<std::string> lines;
-  const std::string ident = "OlmLiteRtTest: ";
-  for (const std::string& line : splitLines(child.output)) {
-    if (line.compare(0, ident.size(), ident) == 0) lines.push_back(line.substr(ident.size()));
-  }
-  EXPECT_TRUE(namesFunctionInProgram(frameLine(lines, "#00"), FUNCTION(olmTestCrashInKnownFunction))) << child.output;
-  EXPECT_TRUE(namesFunctionInProgram(frameLine(lines, "#01"), FUNCTION(olmTestCallerOfCrash))) << child.output;
-}
-
-TEST_F(AaGpuHelpersBacktrace, OnlyTheNonFatalTraceIsBelowErrorPriority) {
-  const ChildResult child = runChild([](int fd) {
-    dup2(fd, STDERR_FILENO);
-    openlog("OlmLiteRtTest", LOG_PERROR, LOG_USER);
-    setlogmask(LOG_MASK(LOG_WARNING));
-    olmTestSysLogTraceFromHere(1);
-    olmTestNonFatalSysLogTraceFromHere();
+  expectTraceOfFault([](int, siginfo_t*, void* context) {
+    AaGpuHelpersBacktraceDumpIpsSysLog(2, context);
     _exit(kChildHandledTheSignal);
   });
-  expectHandled(child);
-  EXPECT_EQ(child.output.find("olmTestSysLogTraceFromHere"), std::string::npos) << child.output;
-  EXPECT_NE(child.output.find("olmTestNonFatalSysLogTraceFromHere+0x"), std::string::npos) << child.output;
 }
 
 // A trace from the caller
 
-TEST_F(AaGpuHelpersBacktrace, WithoutAContextTheTraceStartsAtTheCaller) {
+TEST_F(AaGpuHelpersBacktrace, WithoutAContextTheTraceStartsAtTheCallerAndSkippedFramesKeepTheirNumbers) {
   EXPECT_EQ(olmTestOuterCaller(0), 2u + EAaGpuHelpersRet_Ok);
-  const std::vector<std::string> lines = traceLinesSent(runtime);
+  std::vector<std::string> lines = traceLinesSent(runtime);
   EXPECT_TRUE(namesFunctionInProgram(frameLine(lines, "#00"), FUNCTION(olmTestTraceFromHere)));
   EXPECT_TRUE(namesFunctionInProgram(frameLine(lines, "#01"), FUNCTION(olmTestOuterCaller)));
-}
 
-TEST_F(AaGpuHelpersBacktrace, SkippedFramesAreLeftOutAndTheOthersKeepTheirNumbers) {
+  const size_t unskipped = lines.size();
   olmTestOuterCaller(1);
-  const std::vector<std::string> lines = traceLinesSent(runtime);
-  ASSERT_FALSE(lines.empty());
-  EXPECT_EQ(frameLine(lines, "#00"), "");
-  EXPECT_TRUE(namesFunctionInProgram(lines.front(), FUNCTION(olmTestOuterCaller))) << lines.front();
-  EXPECT_EQ(lines.front().compare(0, 4, "#01 "), 0) << lines.front();
+  lines = traceLinesSent(runtime);
+  ASSERT_EQ(lines.size(), 2 * unskipped - 1);
+  EXPECT_EQ(lines[unskipped].compare(0, 4, "#01 "), 0) << lines[unskipped];
+  EXPECT_TRUE(namesFunctionInProgram(lines[unskipped], FUNCTION(olmTestOuterCaller)));
 }
 
 TEST_F(AaGpuHelpersBacktrace, ADeepStackIsCutAtTheDepthLimit) {

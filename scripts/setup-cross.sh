@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Prepares a cross build on Debian 12 with Debian's own packages: installs the cross compilers and
-# user-mode emulation where missing, and unpacks the target's libraries (libfuse 2) into
+# user-mode emulation where missing, and unpacks the target's libraries (libfuse 2, libunwind) into
 # <build-dir>/sysroot, the default root of cmake/toolchains/*.cmake.
 # Usage: scripts/setup-cross.sh armhf|arm64 <build-dir>
 #
@@ -23,7 +23,9 @@ case $arch in
   arm64) triple=aarch64-linux-gnu emulator=qemu-aarch64 ;;
   *) usage ;;
 esac
-target_packages=(libfuse2 libfuse-dev)
+# libunwind walks the call trace of the error reports; liblzma5 is its one dependency outside the
+# C library.
+target_packages=(libfuse2 libfuse-dev libunwind8 libunwind-dev liblzma5)
 sysroot=$build_dir/sysroot
 apt_dir=$build_dir/cross-apt
 apt_options=(-q -o "APT::Architecture=$arch" -o "APT::Architectures=$arch"

@@ -1,6 +1,6 @@
 # Shared part of the cross toolchains: Debian's cross compilers for OLM_CROSS_TRIPLE, their own
 # target root /usr/<triple> (C library, libstdc++), and a second root with the target libraries
-# Debian ships no cross package for (libfuse 2), unpacked by scripts/setup-cross.sh. Programs built
+# Debian ships no cross package for (libfuse 2, libunwind), unpacked by scripts/setup-cross.sh. Programs built
 # for the target run through user-mode emulation (OLM_CROSS_EMULATOR) wherever CMake or CTest runs
 # them: GoogleTest's test discovery at build time, and ctest.
 #

@@ -20,18 +20,22 @@ cmake --build "$scratch/build" >/dev/null
 
 nid=0x2000
 expected="ExternalEu bound on node $nid, LTE time status 0"
+# Frame arithmetic, CDMA time from the host's synchronisation object, atomics, spin lock, FIFO,
+# bitset and hex dump, all through the installed headers.
+expected_utilities="ExternalEu utilities: next (0,0,0), CDMA status 0 sync mode 1, counter 42, id 100, bit 65, dump 4555"
 "$scratch/prefix/bin/OLMLiteExe" --nid "$nid" --wait 0 --load-local "$scratch/build/libExternalEu.so" \
   >"$scratch/output" 2>&1 &
 node_pid=$!
-# The node says when its EU is bound; give it a generous 20 s on a loaded machine.
+# The node says when its EU is bound, then what the utilities gave; a generous 20 s on a loaded
+# machine.
 for _ in $(seq 400); do
-  grep -q "$expected" "$scratch/output" && break
+  grep -q "ExternalEu utilities" "$scratch/output" && break
   kill -0 "$node_pid" 2>/dev/null || break
   sleep 0.05
 done
 output=$(cat "$scratch/output")
-if grep -q "$expected" <<<"$output"; then
-  echo "external EU built and ran against the installed runtime"
+if grep -q "$expected" <<<"$output" && grep -qF "$expected_utilities" <<<"$output"; then
+  echo "external EU built and ran against the installed runtime:"; grep ExternalEu <<<"$output"
 else
   echo "unexpected output of the installed node:"; echo "$output"; exit 1
 fi

@@ -107,6 +107,28 @@ EAaGpuHelpersRet AaGpuHelpersBacktraceDumpIpsSysLog(uint32_t fatality, void* sav
  *   EAaGpuHelpersRet_NoCallTrace the unwinder could not start; nothing written. */
 EAaGpuHelpersRet AaGpuHelpersBacktraceDumpIps(uint32_t innermostFramesToSkip, void* savedContext);
 
+/* Writes the call trace of the caller into text as one line: for each frame, innermost first and
+ * starting at the function that called this one, its symbol with the offset of the return address
+ * in it and its object with the offset from the object's load address, followed by ';':
+ *     "getStackTrace+0x1c (/opt/olm/lib/libOlmLiteRt.so.0+0x2f41c);AaMemMalloc+0x9c (...);"
+ * What cannot be found prints as "?". Frames are added while the text, its terminating zero
+ * included, fits in textSize bytes; the first frame that does not fit ends the text, so a frame is
+ * never cut. The text is always terminated. For callers that must not allocate or that run inside
+ * a signal handler (the allocator's allocation trace): it relies on what the printers above rely
+ * on and writes nothing but text.
+ *
+ * text:      textSize bytes; receives the frames, zero-terminated.
+ * textSize:  at least 1.
+ * maxFrames: 1 to AAGPUHELPERS_BACKTRACE_MAX_FRAMES frames at most.
+ *
+ * Returns:
+ *   EAaGpuHelpersRet_Ok               the text was written (it may hold no frame when the first
+ *                                     does not fit).
+ *   EAaGpuHelpersRet_InvalidParameter text is null, textSize is 0 or maxFrames out of range;
+ *                                     nothing written. Logged.
+ *   EAaGpuHelpersRet_NoCallTrace      the unwinder could not start; the text is empty. */
+EAaGpuHelpersRet AaGpuHelpersBacktraceSymbols(char* text, uint32_t textSize, uint32_t maxFrames);
+
 #ifdef __cplusplus
 }
 #endif

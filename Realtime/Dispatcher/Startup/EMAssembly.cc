@@ -2,13 +2,16 @@
 
 #include <dlfcn.h>
 #include <getopt.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 
 #include "AaConfig.h"
+#include "AaMem.h"
 #include "AaStartup.h"
+#include "RamRoot.h"
 
 namespace Olm {
 
@@ -90,6 +93,20 @@ constexpr const char kHelpText[] =
     "  --help                Produce help message\n";
 
 unsigned long parseNumber(const char* value) { return std::strtoul(value, nullptr, kStrtoulAnyBase); }
+
+// The allocation trace (AaMem.h): SIGUSR2 switches it on and off, SIGUSR1 appends the table to
+// the trace file. The root of that file is read here, outside the handler, because its first
+// reading allocates.
+void installAllocationTraceSignals() {
+  ramRoot();
+  struct sigaction action = {};
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  action.sa_handler = [](int) { signalSIGUSR1Handler(); };
+  sigaction(SIGUSR1, &action, nullptr);
+  action.sa_handler = [](int) { signalSIGUSR2Handler(); };
+  sigaction(SIGUSR2, &action, nullptr);
+}
 
 }  // namespace
 
@@ -192,6 +209,7 @@ void EMAssembly::enterNodeDirectory() const {
 }
 
 int EMAssembly::Initialize(int argc, char** argv) {
+  installAllocationTraceSignals();
   parseCommandLine(argc, argv);
   if (!m_settings.nidGiven) {
     std::fputs("NID was not set\n", stderr);

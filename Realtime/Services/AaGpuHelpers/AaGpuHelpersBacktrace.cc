@@ -1,5 +1,7 @@
 #include <syslog.h>
 
+#include <cstring>
+
 #include "AaGpuHelpers.h"
 #include "AaSysLog.h"
 #include "CallTrace.h"
@@ -13,6 +15,29 @@ void toSystemLog(const char* line, void* priority) { syslog(*static_cast<int*>(p
 
 void toServiceLog(const char* line, void*) {
   AaSysLogPrintE(EAaSysLogSeverityLevel_Error, AASYSLOG_FEATURE_NONE, "%s", line);
+}
+
+// Frames joined into the caller's text, each followed by ';'; the first that does not fit closes it.
+struct SymbolText {
+  char* text;
+  size_t size;
+  size_t length;
+  bool full;
+};
+
+void toSymbolText(const char* frame, void* state) {
+  SymbolText& joined = *static_cast<SymbolText*>(state);
+  if (joined.full) return;
+  const size_t frameLength = std::strlen(frame);
+  // The frame, its ';' and the terminating zero.
+  if (joined.length + frameLength + 2 > joined.size) {
+    joined.full = true;
+    return;
+  }
+  std::memcpy(joined.text + joined.length, frame, frameLength);
+  joined.length += frameLength;
+  joined.text[joined.length++] = ';';
+  joined.text[joined.length] = '\0';
 }
 
 }  // namespace
@@ -35,4 +60,18 @@ extern "C" __attribute__((noinline)) EAaGpuHelpersRet AaGpuHelpersBacktraceDumpI
                                                                                 void* savedContext) {
   const Olm::CallTraceStart start{savedContext, __builtin_return_address(0), innermostFramesToSkip};
   return Olm::writeCallTrace(start, toServiceLog, nullptr);
+}
+
+extern "C" __attribute__((noinline)) EAaGpuHelpersRet AaGpuHelpersBacktraceSymbols(char* text, uint32_t textSize,
+                                                                                uint32_t maxFrames) {
+  if (text == nullptr || textSize == 0 || maxFrames == 0 || maxFrames > AAGPUHELPERS_BACKTRACE_MAX_FRAMES) {
+    AaSysLogPrintE(EAaSysLogSeverityLevel_Error, AASYSLOG_FEATURE_NONE,
+                   "AaGpuHelpersBacktraceSymbols(): text %p, textSize %u, maxFrames %u out of range",
+                   static_cast<void*>(text), textSize, maxFrames);
+    return EAaGpuHelpersRet_InvalidParameter;
+  }
+  text[0] = '\0';
+  SymbolText joined{text, textSize, 0, false};
+  const Olm::CallTraceStart start{nullptr, __builtin_return_address(0), 0};
+  return Olm::writeCallTrace(start, toSymbolText, &joined, Olm::CallTraceLayout{maxFrames, true});
 }

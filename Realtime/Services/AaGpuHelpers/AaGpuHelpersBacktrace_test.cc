@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ int olmTestCallerOfCrash();
 uint32_t olmTestTraceFromHere(uint32_t skip);
 uint32_t olmTestOuterCaller(uint32_t skip);
 uint32_t olmTestRecurse(uint32_t depth, std::vector<std::string>* lines);
+uint32_t olmTestSymbolsFromHere(char* text, uint32_t textSize, uint32_t maxFrames);
 }
 
 namespace {
@@ -46,6 +48,11 @@ extern "C" __attribute__((noinline)) uint32_t olmTestTraceFromHere(uint32_t skip
 
 extern "C" __attribute__((noinline)) uint32_t olmTestOuterCaller(uint32_t skip) {
   return olmTestTraceFromHere(skip) + 1;
+}
+
+extern "C" __attribute__((noinline)) uint32_t olmTestSymbolsFromHere(char* text, uint32_t textSize,
+                                                                   uint32_t maxFrames) {
+  return AaGpuHelpersBacktraceSymbols(text, textSize, maxFrames) + 1;
 }
 
 namespace {
@@ -238,6 +245,38 @@ TEST_F(AaGpuHelpersBacktrace, AFatalityOutOfRangeIsRejectedAndLogged) {
   const std::vector<std::string> lines = traceLinesSent(runtime);
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0], "AaGpuHelpersBacktraceDumpIpsSysLog(): fatality 4 out of range");
+}
+
+// The call stack as one text
+
+TEST_F(AaGpuHelpersBacktrace, SymbolTextJoinsWholeFramesFromTheCallerWhileTheyFit) {
+  char text[1024];
+  ASSERT_EQ(olmTestSymbolsFromHere(text, sizeof(text), 2), EAaGpuHelpersRet_Ok + 1u);
+  const std::string twoFrames(text);
+  EXPECT_EQ(twoFrames.rfind("olmTestSymbolsFromHere+0x", 0), 0u) << twoFrames;
+  EXPECT_NE(twoFrames.find(" (" + programPath() + "+0x"), std::string::npos) << twoFrames;
+  ASSERT_EQ(std::count(twoFrames.begin(), twoFrames.end(), ';'), 2) << twoFrames;
+  EXPECT_EQ(twoFrames.back(), ';');
+
+  // Room for the first frame and the terminating zero, then for one character less.
+  const std::string firstFrame = twoFrames.substr(0, twoFrames.find(';') + 1);
+  EXPECT_EQ(olmTestSymbolsFromHere(text, static_cast<uint32_t>(firstFrame.size() + 1), 2), EAaGpuHelpersRet_Ok + 1u);
+  EXPECT_EQ(text, firstFrame);
+  EXPECT_EQ(olmTestSymbolsFromHere(text, static_cast<uint32_t>(firstFrame.size()), 2), EAaGpuHelpersRet_Ok + 1u);
+  EXPECT_STREQ(text, "");
+}
+
+TEST_F(AaGpuHelpersBacktrace, SymbolTextArgumentsOutOfRangeAreRejectedAndLogged) {
+  char text[8] = "x";
+  EXPECT_EQ(AaGpuHelpersBacktraceSymbols(nullptr, sizeof(text), 1), EAaGpuHelpersRet_InvalidParameter);
+  EXPECT_EQ(AaGpuHelpersBacktraceSymbols(text, 0, 1), EAaGpuHelpersRet_InvalidParameter);
+  EXPECT_EQ(AaGpuHelpersBacktraceSymbols(text, sizeof(text), 0), EAaGpuHelpersRet_InvalidParameter);
+  EXPECT_EQ(AaGpuHelpersBacktraceSymbols(text, sizeof(text), AAGPUHELPERS_BACKTRACE_MAX_FRAMES + 1),
+            EAaGpuHelpersRet_InvalidParameter);
+  EXPECT_STREQ(text, "x");
+  const std::vector<std::string> lines = traceLinesSent(runtime);
+  ASSERT_EQ(lines.size(), 4u);
+  for (const std::string& line : lines) EXPECT_EQ(line.rfind("AaGpuHelpersBacktraceSymbols(): ", 0), 0u) << line;
 }
 
 }  // namespace

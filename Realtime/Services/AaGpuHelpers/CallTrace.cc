@@ -4,6 +4,8 @@
 #include <link.h>
 #include <unistd.h>
 
+#include <cstring>
+
 // Only this process is ever unwound: the local-only entry points need no remote accessors.
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
@@ -33,12 +35,25 @@ uintptr_t instructionPointer(unw_cursor_t& cursor) {
   return static_cast<uintptr_t>(ip);
 }
 
+// Calls inside the library reach its exported functions through local aliases (it is built with
+// -fno-semantic-interposition), which the symbol table names "<name>.localalias": a trace shows
+// the function's own name.
+void dropLocalAliasSuffix(char* symbol) {
+  constexpr char kSuffix[] = ".localalias";
+  constexpr size_t kSuffixLength = sizeof(kSuffix) - 1;
+  const size_t length = std::strlen(symbol);
+  if (length >= kSuffixLength && std::memcmp(symbol + length - kSuffixLength, kSuffix, kSuffixLength) == 0) {
+    symbol[length - kSuffixLength] = '\0';
+  }
+}
+
 // A name cut to the buffer (-UNW_ENOMEM) is still the right symbol.
 void writeSymbol(LineWriter& line, unw_cursor_t& cursor) {
   char symbol[kSymbolSize];
   unw_word_t offset = 0;
   const int status = unw_get_proc_name(&cursor, symbol, sizeof(symbol), &offset);
   if (status == 0 || status == -UNW_ENOMEM) {
+    dropLocalAliasSuffix(symbol);
     line.text(symbol).text("+0x").hex(symbolOffset(static_cast<uintptr_t>(offset)));
   } else {
     line.text(kUnknown);
@@ -71,11 +86,11 @@ LineWriter& frameNumber(LineWriter& line, uint32_t frame) {
   return line.character('#').decimal(frame, kFrameNumberDigits).character(' ');
 }
 
-void writeFrame(unw_cursor_t& cursor, uint32_t frame, CallTraceSink sink, void* sinkState) {
+void writeFrame(unw_cursor_t& cursor, uint32_t frame, bool symbolsOnly, CallTraceSink sink, void* sinkState) {
   char text[kCallTraceLineSize];
   LineWriter line(text, sizeof(text));
   const uintptr_t address = codeAddress(instructionPointer(cursor));
-  frameNumber(line, frame).text("0x").hex(address, kAddressDigits).character(' ');
+  if (!symbolsOnly) frameNumber(line, frame).text("0x").hex(address, kAddressDigits).character(' ');
   writeSymbol(line, cursor);
   writeObject(line, address);
   sink(text, sinkState);
@@ -104,13 +119,14 @@ uint32_t printerFrames(unw_cursor_t& cursor, const void* callerReturnAddress) {
   return 0;
 }
 
-void writeFrames(unw_cursor_t& cursor, uint32_t innermostFramesToSkip, CallTraceSink sink, void* sinkState) {
-  for (uint32_t frame = 0;; ++frame) {
-    if (frame >= innermostFramesToSkip) writeFrame(cursor, frame, sink, sinkState);
+void writeFrames(unw_cursor_t& cursor, uint32_t innermostFramesToSkip, const CallTraceLayout& layout,
+                 CallTraceSink sink, void* sinkState) {
+  for (uint32_t frame = 0; frame < layout.maxFrames; ++frame) {
+    if (frame >= innermostFramesToSkip) writeFrame(cursor, frame, layout.symbolsOnly, sink, sinkState);
     const int stepStatus = unw_step(&cursor);
     if (stepStatus == 0) return;
-    if (stepStatus < 0 || frame + 1 == AAGPUHELPERS_BACKTRACE_MAX_FRAMES) {
-      writeCut(frame + 1, stepStatus, sink, sinkState);
+    if (stepStatus < 0 || frame + 1 == layout.maxFrames) {
+      if (!layout.symbolsOnly) writeCut(frame + 1, stepStatus, sink, sinkState);
       return;
     }
   }
@@ -120,13 +136,14 @@ void writeFrames(unw_cursor_t& cursor, uint32_t innermostFramesToSkip, CallTrace
 
 // The context and the cursor must live in this frame: the walk without a signal context starts
 // from the registers unw_getcontext takes here, and they describe this frame only while it lasts.
-EAaGpuHelpersRet writeCallTrace(const CallTraceStart& start, CallTraceSink sink, void* sinkState) {
+EAaGpuHelpersRet writeCallTrace(const CallTraceStart& start, CallTraceSink sink, void* sinkState,
+                                const CallTraceLayout& layout) {
   unw_context_t context;
   unw_cursor_t cursor;
   if (start.signalContext != nullptr) {
     unwindContextFromSignal(start.signalContext, context);
     if (unw_init_local2(&cursor, &context, UNW_INIT_SIGNAL_FRAME) != 0) return EAaGpuHelpersRet_NoCallTrace;
-    writeFrames(cursor, start.innermostFramesToSkip, sink, sinkState);
+    writeFrames(cursor, start.innermostFramesToSkip, layout, sink, sinkState);
     return EAaGpuHelpersRet_Ok;
   }
   if (unw_getcontext(&context) != 0 || unw_init_local(&cursor, &context) != 0) return EAaGpuHelpersRet_NoCallTrace;
@@ -134,7 +151,7 @@ EAaGpuHelpersRet writeCallTrace(const CallTraceStart& start, CallTraceSink sink,
   uint32_t ownFrames = printerFrames(cursor, start.callerReturnAddress);
   if (unw_init_local(&cursor, &context) != 0) return EAaGpuHelpersRet_NoCallTrace;
   for (; ownFrames > 0; --ownFrames) unw_step(&cursor);
-  writeFrames(cursor, start.innermostFramesToSkip, sink, sinkState);
+  writeFrames(cursor, start.innermostFramesToSkip, layout, sink, sinkState);
   return EAaGpuHelpersRet_Ok;
 }
 

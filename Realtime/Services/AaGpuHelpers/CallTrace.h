@@ -23,8 +23,20 @@ struct CallTraceStart {
   uint32_t innermostFramesToSkip;
 };
 
-// Writes the trace, at most AAGPUHELPERS_BACKTRACE_MAX_FRAMES frames and a line when it was cut.
+// What each frame's text holds and how deep the walk goes.
+struct CallTraceLayout {
+  uint32_t maxFrames;
+  // false: numbered lines with the address ("#01 0x... symbol+0x.. (object+0x..)") and a last line
+  // when the trace was cut; true: only "symbol+0x.. (object+0x..)", and nothing said about a cut.
+  bool symbolsOnly;
+};
+
+inline constexpr CallTraceLayout kNumberedCallTrace{AAGPUHELPERS_BACKTRACE_MAX_FRAMES, false};
+
+// Writes the trace, at most layout.maxFrames frames (skipped ones included). The sink gets one
+// text per frame, then with numbered lines one when the trace was cut.
 // EAaGpuHelpersRet_NoCallTrace when the unwinder cannot start (nothing is written).
-EAaGpuHelpersRet writeCallTrace(const CallTraceStart& start, CallTraceSink sink, void* sinkState);
+EAaGpuHelpersRet writeCallTrace(const CallTraceStart& start, CallTraceSink sink, void* sinkState,
+                                const CallTraceLayout& layout = kNumberedCallTrace);
 
 }  // namespace Olm

@@ -113,9 +113,9 @@ EAaGpuHelpersRet AaGpuHelpersBacktraceDumpIps(uint32_t innermostFramesToSkip, vo
  *     "getStackTrace+0x1c (/opt/olm/lib/libOlmLiteRt.so.0+0x2f41c);AaMemMalloc+0x9c (...);"
  * What cannot be found prints as "?". Frames are added while the text, its terminating zero
  * included, fits in textSize bytes; the first frame that does not fit ends the text, so a frame is
- * never cut. The text is always terminated. For callers that must not allocate or that run inside
- * a signal handler (the allocator's allocation trace): it relies on what the printers above rely
- * on and writes nothing but text.
+ * never cut. The text is always terminated. For callers that must not reach operator new (the
+ * allocator's allocation trace): it writes into the caller's buffer only and relies on what the
+ * printers above rely on.
  *
  * text:      textSize bytes; receives the frames, zero-terminated.
  * textSize:  at least 1.

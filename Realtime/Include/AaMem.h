@@ -120,7 +120,8 @@ void signalSIGUSR2Handler(void);
  * AAMEM_STACK_TRACE_MAX_FRAMES frames from getStackTrace itself outwards, each
  * "symbol+0xoffset (object+0xoffset)" followed by ';', stopping before the text would reach
  * AAMEM_STACK_TRACE_SIZE characters; always terminated (empty when the stack cannot be walked).
- * Allocates nothing (see AaGpuHelpersBacktraceSymbols). text must not be null. */
+ * Never calls operator new, so the allocator can call it (see AaGpuHelpersBacktraceSymbols).
+ * text must not be null. */
 void getStackTrace(char* text);
 
 /* The index of the trace table entry holding address, searching from entry 0 upwards; -1 with

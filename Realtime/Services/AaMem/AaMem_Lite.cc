@@ -68,17 +68,6 @@ sem_t allocArraySem;
 // Entries in use, so that releases with tracing off look into the table only when it holds some.
 int32_t usedEntries = 0;
 
-void writeText(const char* text) {
-  size_t left = std::strlen(text);
-  while (left > 0) {
-    const ssize_t written = write(STDERR_FILENO, text, left);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    text += written;
-    left -= static_cast<size_t>(written);
-  }
-}
-
 void writeAll(int fd, const char* text, size_t length) {
   while (length > 0) {
     const ssize_t written = write(fd, text, length);
@@ -88,6 +77,8 @@ void writeAll(int fd, const char* text, size_t length) {
     length -= static_cast<size_t>(written);
   }
 }
+
+void writeText(const char* text) { writeAll(STDERR_FILENO, text, std::strlen(text)); }
 
 // snprintf's result clamped to what the buffer holds.
 size_t formatted(int result, size_t bufferSize) {

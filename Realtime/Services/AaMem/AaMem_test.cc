@@ -187,19 +187,6 @@ TEST_F(AaMemTest, Sigusr2TogglesTracing) {
   EXPECT_EQ(GetCapturedStderr(), "Allocation trace enabled\nAllocation trace disabled\n");
 }
 
-TEST_F(AaMemTest, TracedBlocksAreFilledEnteredAndLeaveTheTableWhenReleased) {
-  glo_AllocTraceEnabled = 1;
-  void* block = AaMemMalloc(10);
-  uint32_t words[2];
-  std::memcpy(words, block, sizeof(words));
-  EXPECT_EQ(words[0], AAMEM_TRACE_FILL_WORD);
-  EXPECT_EQ(words[1], AAMEM_TRACE_FILL_WORD);
-  const uintptr_t address = reinterpret_cast<uintptr_t>(block);
-  EXPECT_TRUE(inTable(address));
-  AaMemUnRef(&block);
-  EXPECT_FALSE(inTable(address));
-}
-
 TEST_F(AaMemTest, BlockBeyondAFullTableIsReturnedButNotEntered) {
   std::vector<uint32_t> placeholders(AAMEM_ALLOC_TABLE_SIZE);
   for (uint32_t& placeholder : placeholders) addToMemAllocArr(&placeholder, sizeof(placeholder), "placeholder;");

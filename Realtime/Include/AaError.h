@@ -76,15 +76,15 @@ typedef enum EAaErrorFatality {
  * file where the system writes one. Each such signal is reported once.
  *
  * SIGINT, SIGTERM (the stop signals): no report. The process stops the RAM file system
- * (AaFileFUSE_Lite_terminate) and exits with status 0. The rule for the threads involved:
- *   - The stop runs on the thread that called AaErrorEeStartup (the Dispatcher's). A stop signal
+ * (AaFileFUSE_Lite_terminate) and exits with status 0. The rules for the threads involved:
+ *   - The stop runs on the thread that called AaErrorEeStartup (the Dispatcher's): a stop signal
  *     that the kernel gives to another thread is passed on to that one.
  *   - From the first stop signal on, SIGINT and SIGTERM stay caught, without SA_RESTART and
- *     without SA_RESETHAND. While the stop runs, a stop signal does nothing but interrupt the
- *     blocking call of the thread it lands on (EINTR): AaFileFUSE_Lite_terminate may end its
- *     service thread's blocking read with pthread_kill(thread, SIGTERM) and the process still
- *     exits with status 0. A thread other than the starting one must therefore not call
- *     AaFileFUSE_Lite_terminate from a stop signal of its own.
+ *     without SA_RESETHAND, and while the stop runs a stop signal does nothing but interrupt the
+ *     blocking call of the thread it lands on (EINTR). So AaFileFUSE_Lite_terminate may wake its
+ *     service thread from a blocking call with pthread_kill(thread, SIGTERM), and the process
+ *     still exits with status 0. A SIGTERM that lands before the thread blocks is consumed with
+ *     nothing to interrupt: the thread must also find its stop flag (or the unmount) set.
  *
  * Returns 0. */
 uint32_t AaErrorEeStartup(void);

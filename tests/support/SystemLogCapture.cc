@@ -96,7 +96,7 @@ std::string findUnavailableReason() {
 
 }  // namespace
 
-SystemLogCapture::SystemLogCapture() {
+SystemLogCapture::SystemLogCapture(Receiving receiving) {
   char directory[] = "/tmp/olm-syslog-XXXXXX";
   if (mkdtemp(directory) == nullptr) return;
   m_directory = directory;
@@ -112,7 +112,7 @@ SystemLogCapture::SystemLogCapture() {
   // Every process may send, whatever user it runs as.
   chmod(m_directory.c_str(), 0755);
   chmod(m_socketPath.c_str(), 0666);
-  m_receiver = std::thread([this] { receive(); });
+  if (receiving == Receiving::OnThread) m_receiver = std::thread([this] { receive(m_stopPipe[0]); });
 }
 
 SystemLogCapture::~SystemLogCapture() {
@@ -150,12 +150,16 @@ std::vector<SystemLogRecord> SystemLogCapture::finish() {
   return m_records;
 }
 
-void SystemLogCapture::receive() {
+void SystemLogCapture::receiveUntilClosed(int fd) {
+  if (m_socket >= 0 && !m_receiver.joinable()) receive(fd);
+}
+
+void SystemLogCapture::receive(int stopFd) {
   char datagram[kDatagramSize];
-  pollfd descriptors[2] = {{m_socket, POLLIN, 0}, {m_stopPipe[0], POLLIN, 0}};
+  pollfd descriptors[2] = {{m_socket, POLLIN, 0}, {stopFd, POLLIN, 0}};
   for (;;) {
     if (poll(descriptors, 2, -1) < 0 && errno != EINTR) return;
-    const bool stopping = (descriptors[1].revents & POLLIN) != 0;
+    const bool stopping = (descriptors[1].revents & (POLLIN | POLLHUP)) != 0;
     // Once stopping, everything sent before has been queued: take it all, then end.
     for (ssize_t got; (got = recv(m_socket, datagram, sizeof(datagram), MSG_DONTWAIT)) >= 0;) {
       storeDatagram(datagram, static_cast<size_t>(got));

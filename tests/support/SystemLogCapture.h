@@ -2,8 +2,8 @@
 // and a developer's daemon must not decide what a test sees.
 //
 // The capture binds a datagram socket of its own in a fresh directory under /tmp and collects what
-// arrives on a thread. A child process (after fork, before or instead of exec) calls
-// redirectThisProcess: it moves into a private mount namespace in which /dev/log is that socket,
+// arrives, on a thread of its own or in receiveUntilClosed. A child process (after fork, before or
+// instead of exec) calls redirectThisProcess: it moves into a private mount namespace in which /dev/log is that socket,
 // so the C library's syslog(3) in the child, and in every program it executes, sends there:
 //   - where the machine has /dev/log, the socket is bind-mounted over it;
 //   - where it has none, the child's /dev becomes a tmpfs holding bind mounts of every entry of
@@ -30,7 +30,14 @@ struct SystemLogRecord {
 
 class SystemLogCapture {
  public:
-  SystemLogCapture();
+  enum class Receiving {
+    OnThread,  // from construction on
+    ByCaller   // in receiveUntilClosed: the process stays single-threaded, so that a child forked
+               // from it may start threads (user-mode emulators fail at that after a fork from a
+               // multi-threaded process)
+  };
+
+  explicit SystemLogCapture(Receiving receiving = Receiving::OnThread);
   ~SystemLogCapture();
   SystemLogCapture(const SystemLogCapture&) = delete;
   SystemLogCapture& operator=(const SystemLogCapture&) = delete;
@@ -43,12 +50,17 @@ class SystemLogCapture {
   // False when that failed; the child should then end without logging.
   bool redirectThisProcess() const;
 
+  // Receives until every write end of fd is closed (a pipe whose write end only the logging child
+  // holds ends with the child). Receiving::ByCaller only.
+  void receiveUntilClosed(int fd);
+
   // Stops receiving and returns every record, in arrival order. Call once the processes that log
   // have ended: all they sent has arrived by then.
   std::vector<SystemLogRecord> finish();
 
  private:
-  void receive();
+  // Receives until stopFd is readable or hangs up.
+  void receive(int stopFd);
   void storeDatagram(const char* data, size_t length);
 
   std::string m_directory;

@@ -23,6 +23,14 @@ int olmErrorTestDereferenceNull();
 int olmErrorTestDivide(int dividend, int divisor);
 }
 
+#if defined(__SANITIZE_THREAD__)
+// A stop signal ends the process with exit(0) from its handler, so that the atexit handlers and
+// static destructors run (a node's shutdown relies on them). In this test program they free
+// memory, which the thread sanitizer reports as unsafe inside a signal handler and turns into
+// exit status 66; the stop tests check the status, so such reports are left out here.
+extern "C" const char* __tsan_default_options() { return "report_signal_unsafe=0"; }
+#endif
+
 namespace {
 
 int* volatile s_nowhere = nullptr;
@@ -69,7 +77,9 @@ class AaErrorSignal : public testing::Test {
   }
 
   // The report of a fatal signal: one, of fatality 2 and code 2, from this service's source.
-  static void expectSignalReport(const ChildOutcome& child, const std::string& description, uint32_t line) {
+  // lastLineRequired false: the report may end inside its call trace (see the abort case).
+  static void expectSignalReport(const ChildOutcome& child, const std::string& description, uint32_t line,
+                                 bool lastLineRequired = true) {
     const std::vector<std::string>& lines = child.reportLines;
     ASSERT_EQ(reportCount(lines), 1u) << testing::PrintToString(lines);
     EXPECT_EQ(lines[1], "fatality       : 2 (EAaErrorFatality_System)");
@@ -78,7 +88,9 @@ class AaErrorSignal : public testing::Test {
         << valueOf(lines, "description    : ");
     EXPECT_EQ(valueOf(lines, "filename       : "), kSourceName);
     EXPECT_EQ(valueOf(lines, "line number    : "), std::to_string(line));
-    EXPECT_EQ(lines.back(), "===>>> letting OS handle the error");
+    if (lastLineRequired || lines.back()[0] != '#') {
+      EXPECT_EQ(lines.back(), "===>>> letting OS handle the error");
+    }
   }
 };
 
@@ -114,17 +126,25 @@ TEST_F(AaErrorSignal, AnIntegerDivisionByZeroIsAFloatingPointErrorThatEndsThePro
 }
 
 TEST_F(AaErrorSignal, SignalsSentByAProcessAreReportedOnceWithTheirOwnDescriptionAndLine) {
+#if defined(__arm__)
+  // libunwind's last resort on 32-bit ARM, the frame-pointer chain, faults beyond libc's abort():
+  // the trace stops there and the process still ends by SIGABRT, with this one report.
+  constexpr bool kAbortTraceComplete = false;
+#else
+  constexpr bool kAbortTraceComplete = true;
+#endif
   const struct {
     int signalNumber;
     void (*raiseIt)();
     std::string description;
     uint32_t line;
+    bool lastLineRequired;
   } cases[] = {
-      {SIGILL, [] { raise(SIGILL); }, "Invalid instruction " + sentByProcess(SI_TKILL), 179},
-      {SIGBUS, [] { raise(SIGBUS); }, "Bus error " + sentByProcess(SI_TKILL), 243},
-      {SIGSEGV, [] { raise(SIGSEGV); }, "Invalid memory reference " + sentByProcess(SI_TKILL), 118},
+      {SIGILL, [] { raise(SIGILL); }, "Invalid instruction " + sentByProcess(SI_TKILL), 179, true},
+      {SIGBUS, [] { raise(SIGBUS); }, "Bus error " + sentByProcess(SI_TKILL), 243, true},
+      {SIGSEGV, [] { raise(SIGSEGV); }, "Invalid memory reference " + sentByProcess(SI_TKILL), 118, true},
       // abort() raises SIGABRT itself, and again when a handler returns: still one report.
-      {SIGABRT, [] { abort(); }, "Abort signal received - detected by user at address ", 263},
+      {SIGABRT, [] { abort(); }, "Abort signal received - detected by user at address ", 263, kAbortTraceComplete},
   };
   for (const auto& c : cases) {
     static void (*s_raise)() = nullptr;
@@ -135,7 +155,7 @@ TEST_F(AaErrorSignal, SignalsSentByAProcessAreReportedOnceWithTheirOwnDescriptio
     });
     SCOPED_TRACE(c.description);
     EXPECT_TRUE(endedBy(child, c.signalNumber)) << child.status;
-    expectSignalReport(child, c.description, c.line);
+    expectSignalReport(child, c.description, c.line, c.lastLineRequired);
   }
 }
 
@@ -166,7 +186,7 @@ TEST_F(AaErrorSignal, SigtermAndSigintEndTheProcessWithStatusZeroAndNoReport) {
       raise(s_signal);
       _exit(OlmTest::kChildBodyReturned + 1);
     });
-    EXPECT_TRUE(exitedWith(child, 0)) << signalNumber << ": " << child.status;
+    EXPECT_TRUE(exitedWith(child, 0)) << signalNumber << ": " << child.status << child.standardError;
     EXPECT_TRUE(child.records.empty()) << testing::PrintToString(child.reportLines);
   }
 }
@@ -179,17 +199,20 @@ TEST_F(AaErrorSignal, AStopSignalOnAnotherThreadIsHandledOnTheStartingThread) {
     Olm::setStopAction([] {
       if (threadId() != getpid()) _exit(kStopActionOnWrongThread);
     });
+    // Detached from the start: the process may end before this thread could detach it.
+    pthread_attr_t detached;
+    pthread_attr_init(&detached);
+    pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
     pthread_t other;
     pthread_create(
-        &other, nullptr, [](void*) -> void* {
+        &other, &detached, [](void*) -> void* {
           raise(SIGTERM);
           return nullptr;
         },
         nullptr);
-    pthread_join(other, nullptr);
     pause();
   });
-  EXPECT_TRUE(exitedWith(child, 0)) << child.status;
+  EXPECT_TRUE(exitedWith(child, 0)) << child.status << child.standardError;
   EXPECT_TRUE(child.records.empty());
 }
 
@@ -230,7 +253,7 @@ TEST_F(AaErrorSignal, TheStopMaySignalItsServiceThreadWithSigtermAndTheProcessSt
     kill(getpid(), SIGTERM);
     pause();
   });
-  EXPECT_TRUE(exitedWith(child, 0)) << child.status;
+  EXPECT_TRUE(exitedWith(child, 0)) << child.status << child.standardError;
   EXPECT_TRUE(child.records.empty());
 }
 

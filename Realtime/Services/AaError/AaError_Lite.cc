@@ -1,5 +1,6 @@
 #include "AaError.h"
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -32,6 +33,10 @@ std::atomic<pid_t> g_startupThread{0};
 // The thread running the stop, 0 before it; stop signals on other threads then only interrupt.
 std::atomic<pid_t> g_stoppingThread{0};
 std::atomic<Olm::StopAction> g_stopAction{AaFileFUSE_Lite_terminate};
+// The thread writing the report of a fatal signal, and that signal: a fault inside the report
+// (the call trace walks memory that a crash may have left broken) must not report itself.
+std::atomic<pid_t> g_signalReportThread{0};
+std::atomic<int> g_signalBeingReported{0};
 
 pid_t currentThreadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
@@ -78,6 +83,17 @@ void stopOnRequest(int signalNumber) {
   std::exit(0);
 }
 
+// Ends the process by signalNumber's default action, now.
+[[noreturn]] void endBySignal(int signalNumber) {
+  setAction(signalNumber, SIG_DFL);
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, signalNumber);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  raise(signalNumber);
+  _exit(128 + signalNumber);
+}
+
 void reportFatalSignal(int signalNumber, const siginfo_t& info) {
   Olm::SignalDescription description;
   if (Olm::describeFatalSignal(signalNumber, info.si_code, info.si_addr, description)) {
@@ -97,6 +113,11 @@ void onSignal(int signalNumber, siginfo_t* info, void* context) {
     errno = savedErrno;
     return;
   }
+  const pid_t self = currentThreadId();
+  // The report in progress on this thread faulted: end by the signal it was reporting.
+  if (g_signalReportThread.load() == self) endBySignal(g_signalBeingReported.load());
+  g_signalBeingReported.store(signalNumber);
+  g_signalReportThread.store(self);
   reportFatalSignal(signalNumber, *info);
   // The action is the default now: the process ends by the signal, with a core where one is made.
   raise(signalNumber);

@@ -47,17 +47,24 @@ inline std::string readAll(FILE* file) {
 // child could not redirect its system log (the tests skip before, see SystemLogCapture).
 inline ChildOutcome runInChild(void (*body)()) {
   ChildOutcome outcome;
-  SystemLogCapture capture;
+  // Received here, not on a thread: the child may start threads of its own.
+  SystemLogCapture capture(SystemLogCapture::Receiving::ByCaller);
   FILE* standardError = std::tmpfile();
-  if (standardError == nullptr) return outcome;
+  int lifeline[2];
+  if (standardError == nullptr || pipe(lifeline) != 0) return outcome;
   std::fflush(nullptr);
   outcome.pid = fork();
   if (outcome.pid == 0) {
+    close(lifeline[0]);
     dup2(fileno(standardError), STDERR_FILENO);
     if (!capture.redirectThisProcess()) _exit(ErrorTestChildDetail::kChildRedirectFailed);
     body();
     _exit(kChildBodyReturned);
   }
+  close(lifeline[1]);
+  // The child holds the lifeline's write end until it ends; what it logged has arrived by then.
+  if (outcome.pid > 0) capture.receiveUntilClosed(lifeline[0]);
+  close(lifeline[0]);
   while (outcome.pid > 0 && waitpid(outcome.pid, &outcome.status, 0) < 0 && errno == EINTR) {
   }
   outcome.records = capture.finish();

@@ -14,7 +14,8 @@ extern char** environ;
 
 namespace OlmTest {
 
-NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment) {
+NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment,
+                         const std::function<void()>& inChild) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return;
   std::vector<std::string> command{executablePath()};
@@ -24,6 +25,7 @@ NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector
     dup2(fds[1], STDOUT_FILENO);
     dup2(fds[1], STDERR_FILENO);
     for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
+    if (inChild) inChild();
     std::vector<char*> argv;
     for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,10 @@ namespace OlmTest {
 
 class NodeProcess {
  public:
-  NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment = {});
+  // inChild runs in the child process just before the executable starts (e.g. to give it a
+  // private mount namespace).
+  NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment = {},
+              const std::function<void()>& inChild = {});
   ~NodeProcess();  // kills the process if it still runs
   NodeProcess(const NodeProcess&) = delete;
   NodeProcess& operator=(const NodeProcess&) = delete;

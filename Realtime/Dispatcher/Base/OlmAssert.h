@@ -1,7 +1,9 @@
 // Always-on assertions for the runtime's invariants.
 //
-// The runtime's broken invariants end the process with the standard assertion report, also in
-// optimised builds (NDEBUG does not switch them off). A report names its source from "Realtime" on,
+// The runtime's broken invariants end the process, also in optimised builds (NDEBUG does not
+// switch them off). The Dispatcher's own invariants give the standard assertion report on standard
+// error; those of the services (sources named "Realtime/Services/...") give the same line and then
+// the error handler's exception report in the system log (AaErrorAssertion), with the call trace. A report names its source from "Realtime" on,
 // without extension ("Realtime/Dispatcher/Dispatcher"). Those names are what users and their log
 // filters know, so they do not follow the file system: every file that asserts states its name
 // once, after its includes,
@@ -12,7 +14,7 @@
 
 namespace Olm {
 
-// Writes the standard assertion report and aborts.
+// Writes the assertion report (see above) and aborts.
 [[noreturn]] void assertFail(const char* expression, const char* sourceName, unsigned line,
                              const char* function);
 

@@ -1,5 +1,11 @@
 #include "AaStartup.h"
 
-// The message broker, the R&D slave with the runtime's own R&D domain, the RAM files and the
-// error handler join this start-up as they are added to the runtime; none needs starting yet.
-extern "C" uint32_t AaStartupEeStartup(void) { return 0; }
+#include "AaError.h"
+
+// The error handler comes first, so that every later step's failures are reported. The message
+// broker, the R&D slave with the runtime's own R&D domain and the RAM files join this start-up as
+// they are added to the runtime.
+extern "C" uint32_t AaStartupEeStartup(void) {
+  AaErrorEeStartup();
+  return 0;
+}

@@ -9,7 +9,7 @@ build_dir=${1:-$root/build/armhf}
 # The integration tests exec OLMLiteExe. Without binfmt_misc the machine runs it only when the build
 # starts the nodes through a launcher that calls the emulator.
 node_launcher=$build_dir/tests/integration/OLMLiteExe-emulated
-starts_node_processes=(NodeStartup NodeMessaging NodeErrorHandling)
+starts_node_processes=(NodeStartup NodeMessaging NodeErrorHandling NodeMemoryTrace)
 
 skip_pattern() {
   local IFS='|'

@@ -78,11 +78,15 @@ EAaGpuHelpersRet AaGpuHelpersHexdumpBuild(const void** data, uint32_t* remaining
  * cut at 255 characters. On 32-bit ARM a trace goes only through code built with unwinding tables
  * (the runtime is built with -funwind-tables; an EU library should be too).
  *
- * Inside a signal handler they rely on: libunwind's local unwinding (unw_init_local2, unw_step,
- * unw_get_proc_name are async-signal-safe: they read the unwind tables and the objects' symbol
- * tables with open, mmap and read, no allocation, and take libunwind's own cache lock with
- * signals blocked), glibc's _dl_find_object for the object (lock-free) and readlink of
- * /proc/self/exe for the main program's path. The writing is the caller's choice below. */
+ * Inside a signal handler they rely on: libunwind for the walk only (unw_init_local2, unw_step,
+ * unw_get_reg, unw_is_signal_frame read the unwind tables, allocate nothing and take libunwind's
+ * own cache lock with signals blocked), glibc's _dl_find_object for the object an address lies
+ * in (lock-free), and the object's file for the symbol: it is opened read-only (the main program
+ * as /proc/self/exe), mapped with mmap for the lookup in its .symtab (.dynsym when stripped),
+ * then unmapped and closed. Every offset and size read from the file is checked against its
+ * length, so a truncated or corrupt file prints "?". The symbol of a return address is the
+ * function holding the call before it. readlink of /proc/self/exe gives the main program's path.
+ * The writing is the caller's choice below. */
 
 /* Writes the call trace to the system log with syslog(3), in the identity and facility of the
  * caller's openlog. fatality is that of the error report the trace belongs to (EAaErrorFatality:

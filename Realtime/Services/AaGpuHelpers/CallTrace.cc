@@ -4,12 +4,11 @@
 #include <link.h>
 #include <unistd.h>
 
-#include <cstring>
-
 // Only this process is ever unwound: the local-only entry points need no remote accessors.
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
 
+#include "ElfSymbols.h"
 #include "LineWriter.h"
 
 #if defined(__arm__)
@@ -24,10 +23,10 @@ namespace {
 
 constexpr unsigned kFrameNumberDigits = 2;
 constexpr unsigned kAddressDigits = 2 * sizeof(void*);
-// Symbols longer than this are cut; the offset stays right.
-constexpr size_t kSymbolSize = 128;
 constexpr size_t kPathSize = 160;
 constexpr char kUnknown[] = "?";
+// The main program's file, even when its path has since been replaced or removed.
+constexpr char kMainProgramFile[] = "/proc/self/exe";
 
 uintptr_t instructionPointer(unw_cursor_t& cursor) {
   unw_word_t ip = 0;
@@ -35,64 +34,64 @@ uintptr_t instructionPointer(unw_cursor_t& cursor) {
   return static_cast<uintptr_t>(ip);
 }
 
-// Calls inside the library reach its exported functions through local aliases (it is built with
-// -fno-semantic-interposition), which the symbol table names "<name>.localalias": a trace shows
-// the function's own name.
-void dropLocalAliasSuffix(char* symbol) {
-  constexpr char kSuffix[] = ".localalias";
-  constexpr size_t kSuffixLength = sizeof(kSuffix) - 1;
-  const size_t length = std::strlen(symbol);
-  if (length >= kSuffixLength && std::memcmp(symbol + length - kSuffixLength, kSuffix, kSuffixLength) == 0) {
-    symbol[length - kSuffixLength] = '\0';
-  }
+// _dl_find_object rather than dladdr: it takes no loader lock, which the interrupted thread may
+// hold.
+const link_map* objectHolding(uintptr_t address) {
+  dl_find_object found;
+  if (_dl_find_object(reinterpret_cast<void*>(address), &found) != 0) return nullptr;
+  return found.dlfo_link_map;
 }
 
-// A name cut to the buffer (-UNW_ENOMEM) is still the right symbol.
-void writeSymbol(LineWriter& line, unw_cursor_t& cursor) {
-  char symbol[kSymbolSize];
-  unw_word_t offset = 0;
-  const int status = unw_get_proc_name(&cursor, symbol, sizeof(symbol), &offset);
-  if (status == 0 || status == -UNW_ENOMEM) {
-    dropLocalAliasSuffix(symbol);
-    line.text(symbol).text("+0x").hex(symbolOffset(static_cast<uintptr_t>(offset)));
-  } else {
-    line.text(kUnknown);
+// The loader names the main program with an empty path.
+bool isMainProgram(const link_map& object) { return object.l_name == nullptr || object.l_name[0] == '\0'; }
+
+// The symbol is read from the object's file, not found by libunwind, whose lookup allocates. A
+// return address lies after the call, past the function's end when the call was its last
+// instruction, so the function is the one holding the address before it.
+void writeSymbol(LineWriter& line, const link_map* object, uintptr_t address, bool isReturnAddress) {
+  ElfSymbol symbol;
+  if (object != nullptr) {
+    const uintptr_t fileAddress = address - object->l_addr;
+    const char* file = isMainProgram(*object) ? kMainProgramFile : object->l_name;
+    if (findElfSymbolInFile(file, isReturnAddress ? fileAddress - 1 : fileAddress, symbol)) {
+      line.text(symbol.name).text("+0x").hex(fileAddress - symbol.start);
+      return;
+    }
   }
+  line.text(kUnknown);
 }
 
-// The loader names the main program with an empty path; /proc/self/exe has its real one.
 const char* objectPath(const link_map& object, char (&programPath)[kPathSize]) {
-  if (object.l_name != nullptr && object.l_name[0] != '\0') return object.l_name;
-  const ssize_t length = readlink("/proc/self/exe", programPath, sizeof(programPath) - 1);
+  if (!isMainProgram(object)) return object.l_name;
+  const ssize_t length = readlink(kMainProgramFile, programPath, sizeof(programPath) - 1);
   if (length <= 0) return kUnknown;
   programPath[length] = '\0';
   return programPath;
 }
 
-// _dl_find_object rather than dladdr: it takes no loader lock, which the interrupted thread may
-// hold. The offset is from the object's load address, as addr2line takes it.
-void writeObject(LineWriter& line, uintptr_t address) {
-  dl_find_object found;
-  if (_dl_find_object(reinterpret_cast<void*>(address), &found) != 0 || found.dlfo_link_map == nullptr) {
+// The offset is from the object's load address, as addr2line takes it.
+void writeObject(LineWriter& line, const link_map* object, uintptr_t address) {
+  if (object == nullptr) {
     line.text(" (").text(kUnknown).character(')');
     return;
   }
   char programPath[kPathSize];
-  const link_map& object = *found.dlfo_link_map;
-  line.text(" (").text(objectPath(object, programPath)).text("+0x").hex(address - object.l_addr).character(')');
+  line.text(" (").text(objectPath(*object, programPath)).text("+0x").hex(address - object->l_addr).character(')');
 }
 
 LineWriter& frameNumber(LineWriter& line, uint32_t frame) {
   return line.character('#').decimal(frame, kFrameNumberDigits).character(' ');
 }
 
-void writeFrame(unw_cursor_t& cursor, uint32_t frame, bool symbolsOnly, CallTraceSink sink, void* sinkState) {
+void writeFrame(unw_cursor_t& cursor, uint32_t frame, bool isReturnAddress, bool symbolsOnly, CallTraceSink sink,
+                void* sinkState) {
   char text[kCallTraceLineSize];
   LineWriter line(text, sizeof(text));
   const uintptr_t address = codeAddress(instructionPointer(cursor));
+  const link_map* object = objectHolding(address);
   if (!symbolsOnly) frameNumber(line, frame).text("0x").hex(address, kAddressDigits).character(' ');
-  writeSymbol(line, cursor);
-  writeObject(line, address);
+  writeSymbol(line, object, address, isReturnAddress);
+  writeObject(line, object, address);
   sink(text, sinkState);
 }
 
@@ -119,10 +118,16 @@ uint32_t printerFrames(unw_cursor_t& cursor, const void* callerReturnAddress) {
   return 0;
 }
 
-void writeFrames(unw_cursor_t& cursor, uint32_t innermostFramesToSkip, const CallTraceLayout& layout,
-                 CallTraceSink sink, void* sinkState) {
-  for (uint32_t frame = 0; frame < layout.maxFrames; ++frame) {
-    if (frame >= innermostFramesToSkip) writeFrame(cursor, frame, layout.symbolsOnly, sink, sinkState);
+// The first frame of a signal context, and every frame a signal interrupted, holds the address of
+// the interrupted instruction; the others hold return addresses.
+void writeFrames(unw_cursor_t& cursor, bool startsAtSignal, uint32_t innermostFramesToSkip,
+                 const CallTraceLayout& layout, CallTraceSink sink, void* sinkState) {
+  bool isReturnAddress = !startsAtSignal;
+  for (uint32_t frame = 0;; ++frame) {
+    if (frame >= innermostFramesToSkip) {
+      writeFrame(cursor, frame, isReturnAddress, layout.symbolsOnly, sink, sinkState);
+    }
+    isReturnAddress = unw_is_signal_frame(&cursor) <= 0;
     const int stepStatus = unw_step(&cursor);
     if (stepStatus == 0) return;
     if (stepStatus < 0 || frame + 1 == layout.maxFrames) {
@@ -143,7 +148,7 @@ EAaGpuHelpersRet writeCallTrace(const CallTraceStart& start, CallTraceSink sink,
   if (start.signalContext != nullptr) {
     unwindContextFromSignal(start.signalContext, context);
     if (unw_init_local2(&cursor, &context, UNW_INIT_SIGNAL_FRAME) != 0) return EAaGpuHelpersRet_NoCallTrace;
-    writeFrames(cursor, start.innermostFramesToSkip, layout, sink, sinkState);
+    writeFrames(cursor, true, start.innermostFramesToSkip, layout, sink, sinkState);
     return EAaGpuHelpersRet_Ok;
   }
   if (unw_getcontext(&context) != 0 || unw_init_local(&cursor, &context) != 0) return EAaGpuHelpersRet_NoCallTrace;
@@ -151,7 +156,7 @@ EAaGpuHelpersRet writeCallTrace(const CallTraceStart& start, CallTraceSink sink,
   uint32_t ownFrames = printerFrames(cursor, start.callerReturnAddress);
   if (unw_init_local(&cursor, &context) != 0) return EAaGpuHelpersRet_NoCallTrace;
   for (; ownFrames > 0; --ownFrames) unw_step(&cursor);
-  writeFrames(cursor, start.innermostFramesToSkip, layout, sink, sinkState);
+  writeFrames(cursor, false, start.innermostFramesToSkip, layout, sink, sinkState);
   return EAaGpuHelpersRet_Ok;
 }
 

@@ -3,18 +3,23 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 
 extern char** environ;
 
 namespace OlmTest {
 
 NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment) {
+  char area[] = "/tmp/olm-node-XXXXXX";
+  if (mkdtemp(area) != nullptr) m_workingArea = area;
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return;
   std::vector<std::string> command{executablePath()};
@@ -23,6 +28,10 @@ NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector
   if (m_pid == 0) {
     dup2(fds[1], STDOUT_FILENO);
     dup2(fds[1], STDERR_FILENO);
+    if (!m_workingArea.empty()) {
+      setenv("OLM_RAM_ROOT", m_workingArea.c_str(), 1);
+      if (chdir(m_workingArea.c_str()) != 0) _exit(126);
+    }
     for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
     std::vector<char*> argv;
     for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -41,6 +50,30 @@ NodeProcess::~NodeProcess() {
     waitForExit();
   }
   if (m_outputFd >= 0) close(m_outputFd);
+  removeWorkingArea();
+}
+
+// A node killed outright leaves its RAM file mount behind (the kernel answers ENOTCONN there);
+// detached, it no longer keeps the directory.
+void NodeProcess::removeWorkingArea() {
+  if (m_workingArea.empty()) return;
+  std::ifstream mountInfo("/proc/self/mountinfo");
+  std::string line;
+  std::vector<std::string> mounts;
+  while (std::getline(mountInfo, line)) {
+    const size_t at = line.find(" " + m_workingArea + "/");
+    if (at == std::string::npos) continue;
+    mounts.push_back(line.substr(at + 1, line.find(' ', at + 1) - at - 1));
+  }
+  for (const std::string& mount : mounts) umount2(mount.c_str(), MNT_DETACH);
+  std::error_code ignored;
+  std::filesystem::remove_all(m_workingArea, ignored);
+}
+
+std::string NodeProcess::ramFileMount(unsigned nid) const {
+  char node[32];
+  std::snprintf(node, sizeof(node), "/olm_lite/0x%x/fusemnt", nid);
+  return m_workingArea + node;
 }
 
 bool NodeProcess::readSome(std::chrono::milliseconds timeout) {
@@ -104,10 +137,23 @@ std::string libraryPath(const std::string& name) { return std::string(OLM_TEST_L
 
 std::string pingEuPath() { return OLM_TEST_PING_EU; }
 
+std::string nodeExecutableBinary() { return OLM_TEST_EXECUTABLE_BINARY; }
+
+std::string runtimeLibraryPath() { return OLM_TEST_RUNTIME_LIBRARY; }
+
 std::string hex(unsigned value) {
   char text[16];
   std::snprintf(text, sizeof(text), "0x%04x", value);
   return text;
+}
+
+bool isMountPoint(const std::string& path) {
+  std::ifstream mountInfo("/proc/self/mountinfo");
+  std::string line;
+  while (std::getline(mountInfo, line)) {
+    if (line.find(" " + path + " ") != std::string::npos) return true;
+  }
+  return false;
 }
 
 }  // namespace OlmTest

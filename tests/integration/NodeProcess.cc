@@ -147,13 +147,4 @@ std::string hex(unsigned value) {
   return text;
 }
 
-bool isMountPoint(const std::string& path) {
-  std::ifstream mountInfo("/proc/self/mountinfo");
-  std::string line;
-  while (std::getline(mountInfo, line)) {
-    if (line.find(" " + path + " ") != std::string::npos) return true;
-  }
-  return false;
-}
-
 }  // namespace OlmTest

@@ -61,7 +61,6 @@ std::string nodeExecutableBinary();
 std::string runtimeLibraryPath();
 // "0x%04x", as node ids are written on the command line and in the nodes' output.
 std::string hex(unsigned value);
-// Whether a mount lies at path in this process's mount namespace.
-bool isMountPoint(const std::string& path);
+
 
 }  // namespace OlmTest

@@ -1,6 +1,5 @@
 // A node's RAM files as a developer meets them: ls and cat in the node's "fusemnt", the node stopped
 // with SIGTERM, the files pulled out of a core of the running node.
-#include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "AaFile.h"
+#include "FileTestUtil.h"
 #include "NodeProcess.h"
 #include "RamFileTestEu.h"
 #include "TestNamespace.h"
@@ -23,21 +23,10 @@
 namespace {
 
 using OlmTest::hex;
+using OlmTest::fileContents;
+using OlmTest::isMountPoint;
+using OlmTest::listing;
 using OlmTest::NodeProcess;
-
-std::string fileContents(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-std::vector<std::string> listing(const std::string& directory) {
-  std::vector<std::string> names;
-  DIR* dir = opendir(directory.c_str());
-  if (dir == nullptr) return {"<opendir: " + std::string(std::strerror(errno)) + ">"};
-  while (const dirent* entry = readdir(dir)) names.push_back(entry->d_name);
-  closedir(dir);
-  return names;
-}
 
 std::string whyNodesCannotMount() {
   if (access("/dev/fuse", R_OK | W_OK) != 0) return std::string("/dev/fuse is not usable: ") + std::strerror(errno);
@@ -75,7 +64,7 @@ TEST_F(NodeRamFiles, LsAndCatInTheNodeDirectoryShowTheRegisteredFiles) {
   if (!m_skipReason.empty()) GTEST_SKIP() << m_skipReason;
   ASSERT_NE(node, nullptr);
   const std::string mount = node->ramFileMount(nid);
-  ASSERT_TRUE(OlmTest::isMountPoint(mount)) << mount;
+  ASSERT_TRUE(isMountPoint(mount)) << mount;
   EXPECT_EQ(listing(mount), (std::vector<std::string>{".", "..", OlmTest::kEuBinaryFile, OlmTest::kEuTextFile}));
   EXPECT_EQ(fileContents(mount + "/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
   EXPECT_EQ(fileContents(mount + "/" + OlmTest::kEuBinaryFile), OlmTest::euBinaryContents());
@@ -90,7 +79,7 @@ TEST_F(NodeRamFiles, AShortNodeIdMountsInTheStartDirectory) {
   ASSERT_NE(node, nullptr);
   struct stat status {};
   EXPECT_EQ(stat((node->workingArea() + "/olm_lite/0x0123").c_str(), &status), 0);
-  EXPECT_TRUE(OlmTest::isMountPoint(node->workingArea() + "/fusemnt"));
+  EXPECT_TRUE(isMountPoint(node->workingArea() + "/fusemnt"));
   EXPECT_EQ(fileContents(node->workingArea() + "/fusemnt/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
 }
 
@@ -108,12 +97,12 @@ TEST_F(NodeRamFiles, SigtermEndsTheNodeWithStatusZeroAndNoMountLeft) {
   if (!m_skipReason.empty()) GTEST_SKIP() << m_skipReason;
   ASSERT_NE(node, nullptr);
   const std::string mount = node->ramFileMount(nid);
-  ASSERT_TRUE(OlmTest::isMountPoint(mount));
+  ASSERT_TRUE(isMountPoint(mount));
   node->kill(SIGTERM);
   const int status = node->waitForExit();
   ASSERT_TRUE(WIFEXITED(status)) << "status " << status << "\n" << node->output();
   EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_FALSE(OlmTest::isMountPoint(mount));
+  EXPECT_FALSE(isMountPoint(mount));
   EXPECT_NE(access(mount.c_str(), F_OK), 0);
 }
 

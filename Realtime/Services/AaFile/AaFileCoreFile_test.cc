@@ -14,7 +14,7 @@
 
 namespace {
 
-using AaFileTest::fileContents;
+using OlmTest::fileContents;
 using AaFileTest::pattern;
 
 constexpr char kDebugger[] = "/usr/bin/gdb";

@@ -1,7 +1,6 @@
 // The mount as users meet it: the kernel's FUSE file system read with ordinary file calls.
 #define FUSE_USE_VERSION 26
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fuse.h>
 #include <gtest/gtest.h>
@@ -25,7 +24,9 @@
 namespace {
 
 using AaFileTest::CallbackCounter;
-using AaFileTest::fileContents;
+using OlmTest::fileContents;
+using OlmTest::isMountPoint;
+using OlmTest::listing;
 using AaFileTest::pattern;
 
 // Why this process cannot mount a FUSE file system at all, or "" when it can: probed with libfuse
@@ -48,24 +49,6 @@ std::string whyFuseIsUnusable() {
   return reason;
 }
 
-bool mounted(const std::string& mountPoint) {
-  std::ifstream mountInfo("/proc/self/mountinfo");
-  std::string line;
-  while (std::getline(mountInfo, line)) {
-    if (line.find(" " + mountPoint + " ") != std::string::npos) return true;
-  }
-  return false;
-}
-
-std::vector<std::string> listing(const std::string& directory) {
-  std::vector<std::string> names;
-  DIR* dir = opendir(directory.c_str());
-  if (dir == nullptr) return {"<opendir: " + std::string(std::strerror(errno)) + ">"};
-  while (const dirent* entry = readdir(dir)) names.push_back(entry->d_name);
-  closedir(dir);
-  return names;
-}
-
 class AaFileMount : public AaFileTest::PrivateDirectoryTest {
  protected:
   void SetUp() override {
@@ -74,12 +57,12 @@ class AaFileMount : public AaFileTest::PrivateDirectoryTest {
     PrivateDirectoryTest::SetUp();
     ASSERT_EQ(AaFileFUSE_Lite_init(), 0);
     m_mountPoint = directory() + "/fusemnt";
-    ASSERT_TRUE(mounted(m_mountPoint));
+    ASSERT_TRUE(isMountPoint(m_mountPoint));
   }
   void TearDown() override {
     if (m_mountPoint.empty()) return;
     AaFileFUSE_Lite_terminate();
-    EXPECT_FALSE(mounted(m_mountPoint));
+    EXPECT_FALSE(isMountPoint(m_mountPoint));
     EXPECT_NE(access(m_mountPoint.c_str(), F_OK), 0);
     PrivateDirectoryTest::TearDown();
   }
@@ -304,7 +287,7 @@ TEST_F(AaFileMount, ASigtermHandlerThatStopsTheMountExitsWithStatusZeroAndLeaves
   char signal;
   ASSERT_EQ(read(ready[0], &signal, 1), 1);
   close(ready[0]);
-  ASSERT_TRUE(mounted(mountPoint()));
+  ASSERT_TRUE(isMountPoint(mountPoint()));
   const int held = open(path("held.txt").c_str(), O_RDONLY);
   EXPECT_GE(held, 0);
 
@@ -313,7 +296,7 @@ TEST_F(AaFileMount, ASigtermHandlerThatStopsTheMountExitsWithStatusZeroAndLeaves
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status)) << "status " << status;
   EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_FALSE(mounted(mountPoint()));
+  EXPECT_FALSE(isMountPoint(mountPoint()));
   char chunk[4];
   EXPECT_LT(read(held, chunk, sizeof(chunk)), 0);  // the connection is gone
   close(held);
@@ -336,7 +319,7 @@ TEST_F(AaFileMount, AStaleMountOfAKilledProcessIsReplaced) {
   close(ready[0]);
   kill(child, SIGKILL);
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-  ASSERT_TRUE(mounted(mountPoint()));
+  ASSERT_TRUE(isMountPoint(mountPoint()));
   struct stat status {};
   EXPECT_NE(stat(mountPoint().c_str(), &status), 0);
   EXPECT_EQ(errno, ENOTCONN);
@@ -351,7 +334,7 @@ TEST_F(AaFileMount, AMountPointThatCannotBeMadeFailsTheInitAndMountsNothing) {
   AaFileFUSE_Lite_terminate();
   std::ofstream("fusemnt") << "a file in the way";
   EXPECT_EQ(AaFileFUSE_Lite_init(), -1);
-  EXPECT_FALSE(mounted(mountPoint()));
+  EXPECT_FALSE(isMountPoint(mountPoint()));
   ASSERT_EQ(unlink("fusemnt"), 0);
   ASSERT_EQ(AaFileFUSE_Lite_init(), 0);
 }

@@ -11,7 +11,7 @@
 namespace {
 
 using AaFileTest::CallbackCounter;
-using AaFileTest::fileContents;
+using OlmTest::fileContents;
 using AaFileTest::pattern;
 
 std::vector<std::string> namesInSlotOrder(const TRamFsSet& set, std::vector<unsigned>* slots = nullptr) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "AaFile.h"
+#include "FileTestUtil.h"
 
 namespace AaFileTest {
 
@@ -56,11 +57,6 @@ inline std::vector<char> pattern(size_t size, unsigned seed = 7) {
   std::vector<char> bytes(size);
   for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 31 + seed * 17 + i / 251) & 0xFF);
   return bytes;
-}
-
-inline std::string fileContents(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // Counts the owner's lock and unlock calls (from whichever thread makes them).

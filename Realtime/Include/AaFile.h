@@ -82,7 +82,8 @@ int AaFileFUSE_Lite_init(void);
  * is mounted. Waits for the request the thread is serving (including an owner's callback). Ending
  * the thread sends it SIGTERM, which it blocks: a process-wide SIGTERM disposition (even the default
  * one after a SA_RESETHAND handler has run) is never acted on for it, so a SIGTERM handler may call
- * this and then exit(0). Not from the file-system thread itself (an owner's callback). */
+ * this and then exit(0). Not async-signal-safe (libfuse's memory is freed): from a signal handler only
+ * on the way out of the process. Not from the file-system thread itself (an owner's callback). */
 void AaFileFUSE_Lite_terminate(void);
 
 /* Writes every registered file whose name starts with prefix to a file of the same name (at most 99

@@ -67,7 +67,7 @@ TEST_F(NodeRamFiles, LsAndCatInTheNodeDirectoryShowTheRegisteredFiles) {
   ASSERT_TRUE(isMountPoint(mount)) << mount;
   EXPECT_EQ(listing(mount), (std::vector<std::string>{".", "..", OlmTest::kEuBinaryFile, OlmTest::kEuTextFile}));
   EXPECT_EQ(fileContents(mount + "/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
-  EXPECT_EQ(fileContents(mount + "/" + OlmTest::kEuBinaryFile), OlmTest::euBinaryContents());
+  EXPECT_TRUE(fileContents(mount + "/" + OlmTest::kEuBinaryFile) == OlmTest::euBinaryContents());
 }
 
 // Below 0x1000 the node directory is made with four digits and entered without: the node stays in
@@ -107,6 +107,9 @@ TEST_F(NodeRamFiles, SigtermEndsTheNodeWithStatusZeroAndNoMountLeft) {
 }
 
 TEST_F(NodeRamFiles, TheFilesComeBackByteForByteFromACoreOfTheRunningNode) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "no cores of sanitized nodes: gcore would cover terabytes of shadow memory";
+#endif
   if (access("/usr/bin/gcore", X_OK) != 0) GTEST_SKIP() << "/usr/bin/gcore (Debian's gdb) is needed";
   const unsigned nid = OlmTest::nextTestNid();
   auto node = startNode(nid);
@@ -120,7 +123,7 @@ TEST_F(NodeRamFiles, TheFilesComeBackByteForByteFromACoreOfTheRunningNode) {
   std::string output = node->workingArea() + "/extracted";
   ASSERT_EQ(AaFile_parseCoreFile(0, executable.data(), core.data(), output.data(), 0), 0);
   EXPECT_EQ(fileContents(output + "/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
-  EXPECT_EQ(fileContents(output + "/" + OlmTest::kEuBinaryFile), OlmTest::euBinaryContents());
+  EXPECT_TRUE(fileContents(output + "/" + OlmTest::kEuBinaryFile) == OlmTest::euBinaryContents());
   EXPECT_NE(access(core.c_str(), F_OK), 0);
 }
 

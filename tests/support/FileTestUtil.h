@@ -38,4 +38,17 @@ inline bool isMountPoint(const std::string& path) {
   return false;
 }
 
+// The machine an ELF file (program or core) is for, e_machine of its header; 0 when unreadable.
+// Under user-mode emulation a core that gcore writes of a process is the emulator's, for the host.
+inline unsigned elfMachine(const std::string& path) {
+  constexpr size_t kMachineOffset = 18;
+  std::string header(kMachineOffset + 2, '\0');
+  std::ifstream file(path, std::ios::binary);
+  if (!file.read(&header[0], static_cast<std::streamsize>(header.size())) || header.compare(0, 4, "\x7f" "ELF") != 0) {
+    return 0;
+  }
+  return static_cast<unsigned char>(header[kMachineOffset]) |
+         static_cast<unsigned>(static_cast<unsigned char>(header[kMachineOffset + 1])) << 8;
+}
+
 }  // namespace OlmTest

@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -49,9 +51,33 @@ struct Mount {
   fuse* fileSystem = nullptr;
   pthread_t thread{};
   int wakeFd = -1;  // ends the service loop, which blocks every asynchronous signal
+  // Set once the service thread has taken the kernel's first request (or has ended without it).
+  std::mutex servingLock;
+  std::condition_variable servingChanged;
+  bool serving = false;
 };
 
 Mount s_mount;
+
+void markServing() {
+  {
+    std::lock_guard<std::mutex> lock(s_mount.servingLock);
+    s_mount.serving = true;
+  }
+  s_mount.servingChanged.notify_all();
+}
+
+// The mount answers requests once init returns; and libfuse releases its file-system object only
+// after a session that has seen the kernel's first request.
+void waitUntilServing() {
+  std::unique_lock<std::mutex> lock(s_mount.servingLock);
+  s_mount.servingChanged.wait(lock, [] { return s_mount.serving; });
+}
+
+void* initOp(fuse_conn_info*) {
+  markServing();
+  return nullptr;
+}
 
 // The registered name of a path: the directory is flat, so "/name" names the file "name".
 const char* fileName(const char* path) { return path[0] == '/' ? path + 1 : path; }
@@ -126,6 +152,7 @@ int readOp(const char* path, char* buffer, size_t size, off_t offset, fuse_file_
 
 fuse_operations makeOperations() {
   fuse_operations operations{};
+  operations.init = initOp;
   operations.getattr = getattrOp;
   operations.readdir = readdirOp;
   operations.open = openOp;
@@ -138,27 +165,39 @@ const fuse_operations kOperations = makeOperations();
 
 fuse_chan* channelOf(fuse* fileSystem) { return fuse_session_next_chan(fuse_get_session(fileSystem), nullptr); }
 
+// Takes one request from the kernel and answers it; false once the file system is unmounted.
+bool serveRequest(fuse_session* session, fuse_chan* channel, std::vector<char>& request) {
+  fuse_chan* receivedOn = channel;
+  const int length = fuse_chan_recv(&receivedOn, request.data(), request.size());
+  if (length == -EINTR || length == -EAGAIN) return true;
+  if (length <= 0) return false;
+  fuse_session_process(session, request.data(), static_cast<size_t>(length), receivedOn);
+  return true;
+}
+
 // fuse_loop's work with one more way out: the wake-up descriptor. The thread blocks every
 // asynchronous signal, so none can interrupt its read of the device; terminating writes the
-// wake-up instead.
+// wake-up instead. Requests already queued then are still answered (the releases of files and
+// directories just closed among them), later ones no more.
 void* serviceLoop(void* argument) {
   fuse* const fileSystem = static_cast<fuse*>(argument);
   fuse_session* const session = fuse_get_session(fileSystem);
   fuse_chan* const channel = channelOf(fileSystem);
   std::vector<char> request(fuse_chan_bufsize(channel));
   pollfd waits[2] = {{fuse_chan_fd(channel), POLLIN, 0}, {s_mount.wakeFd, POLLIN, 0}};
-  while (!fuse_session_exited(session)) {
+  for (;;) {
     if (poll(waits, 2, -1) < 0) {
       if (errno == EINTR) continue;
       break;
     }
-    if (waits[1].revents != 0 || fuse_session_exited(session)) break;
-    fuse_chan* receivedOn = channel;
-    const int length = fuse_chan_recv(&receivedOn, request.data(), request.size());
-    if (length == -EINTR || length == -EAGAIN) continue;
-    if (length <= 0) break;  // unmounted
-    fuse_session_process(session, request.data(), static_cast<size_t>(length), receivedOn);
+    if (waits[1].revents != 0) {
+      while (poll(waits, 1, 0) == 1 && (waits[0].revents & POLLIN) != 0 && serveRequest(session, channel, request)) {
+      }
+      break;
+    }
+    if (!serveRequest(session, channel, request)) break;
   }
+  markServing();
   return nullptr;
 }
 
@@ -269,6 +308,7 @@ extern "C" int AaFileFUSE_Lite_init(void) {
     return -1;
   }
   s_mount.wakeFd = eventfd(0, EFD_CLOEXEC);
+  s_mount.serving = false;
   pthread_t thread;
   const int started = s_mount.wakeFd < 0 ? -1 : startServiceThread(fileSystem, thread);
   if (started > 0) stopServiceThread(fileSystem, thread);  // running, but not as it must
@@ -278,6 +318,7 @@ extern "C" int AaFileFUSE_Lite_init(void) {
     s_mount.wakeFd = -1;
     return -1;
   }
+  waitUntilServing();
   s_mount.fileSystem = fileSystem;
   s_mount.thread = thread;
   return 0;

@@ -56,10 +56,13 @@ class AaFileCoreFile : public AaFileTest::PrivateDirectoryTest {
   }
 
   // A core of a child process of this executable that has registered ramFiles(), written by gcore
-  // while the child waits; "" (with the reason reported) when gcore cannot write one.
-  std::string coreOfAProcessWithRamFiles() {
+  // while the child waits; left empty when the test is skipped or has failed (reported here).
+  void makeCoreOfAProcessWithRamFiles(std::string& core) {
+    if (!kCoresArePractical) {
+      GTEST_SKIP() << "no cores of sanitized processes";
+    }
     int ready[2];
-    if (pipe(ready) != 0) return "";
+    ASSERT_EQ(pipe(ready), 0);
     const pid_t child = fork();
     if (child == 0) {
       static std::vector<RamFile> files = ramFiles();
@@ -81,20 +84,17 @@ class AaFileCoreFile : public AaFileTest::PrivateDirectoryTest {
     const int gcoreStatus = childReady ? std::system(command.c_str()) : -1;
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    const std::string core = prefix + "." + std::to_string(child);
-    if (gcoreStatus != 0 || access(core.c_str(), R_OK) != 0) {
+    const std::string written = prefix + "." + std::to_string(child);
+    if (gcoreStatus != 0 || access(written.c_str(), R_OK) != 0) {
       ADD_FAILURE() << "gcore wrote no core (status " << gcoreStatus << ")";
-      return "";
+      return;
     }
-    if (OlmTest::elfMachine(core) != OlmTest::elfMachine(ownExecutable())) {
-      unlink(core.c_str());
-      m_skipReason = "gcore dumped the emulator, not the emulated process (user-mode emulation)";
-      return "";
+    if (OlmTest::elfMachine(written) != OlmTest::elfMachine(ownExecutable())) {
+      unlink(written.c_str());
+      GTEST_SKIP() << "gcore dumped the emulator, not the emulated process (user-mode emulation)";
     }
-    return core;
+    core = written;
   }
-
-  std::string m_skipReason;
 
   static void expectFilesIn(const std::string& outputDirectory) {
     for (const RamFile& file : ramFiles()) {
@@ -106,12 +106,10 @@ class AaFileCoreFile : public AaFileTest::PrivateDirectoryTest {
 };
 
 TEST_F(AaFileCoreFile, RecoversEveryRegisteredFileByteForByteAndDeletesTheCore) {
-  if (!kCoresArePractical) GTEST_SKIP() << "no cores of sanitized processes";
-  std::string core = coreOfAProcessWithRamFiles();
-  if (!m_skipReason.empty()) GTEST_SKIP() << m_skipReason;
-  ASSERT_FALSE(core.empty());
-  std::string executable = ownExecutable();
-  std::string output = directory() + "/ramfiles";
+  std::string core;
+  makeCoreOfAProcessWithRamFiles(core);
+  if (core.empty()) return;
+  std::string executable = ownExecutable(), output = directory() + "/ramfiles";
   EXPECT_EQ(AaFile_parseCoreFile(0, executable.data(), core.data(), output.data(), 0), 0);
   expectFilesIn(output);
   struct stat status {};
@@ -121,12 +119,10 @@ TEST_F(AaFileCoreFile, RecoversEveryRegisteredFileByteForByteAndDeletesTheCore) 
 }
 
 TEST_F(AaFileCoreFile, KeepsTheCoreWhenAskedAndOverwritesAnExistingDirectory) {
-  if (!kCoresArePractical) GTEST_SKIP() << "no cores of sanitized processes";
-  std::string core = coreOfAProcessWithRamFiles();
-  if (!m_skipReason.empty()) GTEST_SKIP() << m_skipReason;
-  ASSERT_FALSE(core.empty());
-  std::string executable = ownExecutable();
-  std::string output = directory() + "/ramfiles";
+  std::string core;
+  makeCoreOfAProcessWithRamFiles(core);
+  if (core.empty()) return;
+  std::string executable = ownExecutable(), output = directory() + "/ramfiles";
   ASSERT_EQ(mkdir(output.c_str(), 0700), 0);
   std::ofstream(output + "/olmliteStats.txt") << "stale contents that are longer than the new ones, by far";
   EXPECT_EQ(AaFile_parseCoreFile(0, executable.data(), core.data(), output.data(), 1), 0);

@@ -213,21 +213,6 @@ TEST_F(AaFileMount, NamesUpTo255CharactersAreServedAndUnlistableNamesDoNotBreakT
   EXPECT_EQ(fileContents(path(name256)), std::string(bytes.begin(), bytes.begin() + 5));
 }
 
-TEST_F(AaFileMount, AFullRegistryIsListedWhole) {
-  std::vector<char> bytes = pattern(3);
-  for (unsigned i = 0; i < TRamFsSet::kSlotCount; ++i) {
-    ASSERT_EQ(AaFileRamfsSetExt(("f" + std::to_string(i)).c_str(), bytes.data(), bytes.size(), nullptr, nullptr,
-                                nullptr),
-              EAaFileRet_Ok);
-  }
-  EXPECT_EQ(AaFileRamfsSetExt("one-too-many", bytes.data(), bytes.size(), nullptr, nullptr, nullptr),
-            EAaFileRet_RegistryFull);
-  const std::vector<std::string> names = listing(mountPoint());
-  ASSERT_EQ(names.size(), TRamFsSet::kSlotCount + 2);
-  EXPECT_EQ(names[2], "f29");
-  EXPECT_EQ(names.back(), "f0");
-}
-
 // Readers on their own threads while the owner registers, resizes and removes the file, freeing each
 // buffer as soon as its removal returns (the sanitizer builds catch any later touch of it). Every
 // read that the kernel sends as one request (past its cache, within one page, never short) sees one

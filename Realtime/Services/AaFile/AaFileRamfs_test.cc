@@ -49,35 +49,6 @@ TEST(AaFileRegistry, EachInsertTakesTheHighestFreeSlotSoListingsRunNewestFirst) 
   EXPECT_EQ(slots, (std::vector<unsigned>{28, 29}));
 }
 
-TEST(AaFileRegistry, DuplicatesAndA31stRecordAreRefusedAndChangeNothing) {
-  TRamFsSet set;
-  for (unsigned i = 0; i < TRamFsSet::kSlotCount; ++i) ASSERT_EQ(set.insert(*record("f" + std::to_string(i))), 0);
-  const std::vector<std::string> full = namesInSlotOrder(set);
-
-  CRamFs duplicate("f3", nullptr, 0, nullptr, nullptr, nullptr);
-  EXPECT_EQ(set.insert(duplicate), -17);
-  CRamFs extra("f30", nullptr, 0, nullptr, nullptr, nullptr);
-  EXPECT_EQ(set.insert(extra), -28);
-  EXPECT_EQ(namesInSlotOrder(set), full);
-
-  CRamFs key("f3", nullptr, 0, nullptr, nullptr, nullptr);
-  CRamFs* const erased = set.erase(key);
-  ASSERT_NE(erased, nullptr);
-  EXPECT_STREQ(erased->name, "f3");
-  EXPECT_EQ(set.find(key), nullptr);
-  EXPECT_EQ(set.erase(key), nullptr);
-  delete erased;
-}
-
-TEST(AaFileRegistry, NamesAreCutTo255CharactersAndAbsentNamesAreEmpty) {
-  const std::string longName(300, 'n');
-  CRamFs cut(longName.c_str(), nullptr, 0, nullptr, nullptr, nullptr);
-  EXPECT_EQ(std::string(cut.name), longName.substr(0, 255));
-  CRamFs unnamed(nullptr, nullptr, 0, nullptr, nullptr, nullptr);
-  EXPECT_EQ(std::vector<char>(std::begin(unnamed.name), std::end(unnamed.name)), std::vector<char>(256, '\0'));
-  EXPECT_EQ(unnamed.reserved, 0u);
-}
-
 class AaFileRamfs : public AaFileTest::PrivateDirectoryTest {};
 
 TEST_F(AaFileRamfs, RegistrationAndRemovalReportTheirResults) {

@@ -12,7 +12,8 @@ OLM_API_BEGIN
 extern "C" {
 #endif
 
-/* Starts the services of the EE phase. Returns 0. */
+/* Starts the services of the EE phase; the last step mounts the RAM files in the current directory
+ * (AaFileFUSE_Lite_init). Returns 0, or (uint32_t)-1 when the mount fails. */
 uint32_t AaStartupEeStartup(void);
 
 #ifdef __cplusplus

@@ -8,8 +8,12 @@ scratch=$(mktemp -d)
 node_pid=
 # The node's platform objects live in a namespace of this test's own (Platform/Host/README.md).
 export RHYDDAL_NAMESPACE=install$$
+# Its node directory and RAM file mount too.
+export OLM_RAM_ROOT=$scratch/ram
 cleanup() {
-  [ -z "$node_pid" ] || kill -9 "$node_pid" 2>/dev/null || true
+  [ -z "$node_pid" ] || { kill -9 "$node_pid" 2>/dev/null && wait "$node_pid" 2>/dev/null; } || true
+  # A node killed outright leaves its RAM file mount behind (dead: a glob cannot even see it).
+  awk -v area="$scratch/" 'index($5, area) == 1 { print $5 }' /proc/self/mountinfo | xargs -r umount -l || true
   rm -rf "$scratch" /dev/shm/rhyddal-"$(id -u)"-"$RHYDDAL_NAMESPACE"-*
 }
 trap cleanup EXIT

@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 
 extern char** environ;
 
@@ -16,6 +19,8 @@ namespace OlmTest {
 
 NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment,
                          const std::function<void()>& inChild) {
+  char area[] = "/tmp/olm-node-XXXXXX";
+  if (mkdtemp(area) != nullptr) m_workingArea = area;
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return;
   std::vector<std::string> command{executablePath()};
@@ -24,6 +29,10 @@ NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector
   if (m_pid == 0) {
     dup2(fds[1], STDOUT_FILENO);
     dup2(fds[1], STDERR_FILENO);
+    if (!m_workingArea.empty()) {
+      setenv("OLM_RAM_ROOT", m_workingArea.c_str(), 1);
+      if (chdir(m_workingArea.c_str()) != 0) _exit(126);
+    }
     for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
     if (inChild) inChild();
     std::vector<char*> argv;
@@ -43,6 +52,30 @@ NodeProcess::~NodeProcess() {
     waitForExit();
   }
   if (m_outputFd >= 0) close(m_outputFd);
+  removeWorkingArea();
+}
+
+// A node killed outright leaves its RAM file mount behind (the kernel answers ENOTCONN there);
+// detached, it no longer keeps the directory.
+void NodeProcess::removeWorkingArea() {
+  if (m_workingArea.empty()) return;
+  std::ifstream mountInfo("/proc/self/mountinfo");
+  std::string line;
+  std::vector<std::string> mounts;
+  while (std::getline(mountInfo, line)) {
+    const size_t at = line.find(" " + m_workingArea + "/");
+    if (at == std::string::npos) continue;
+    mounts.push_back(line.substr(at + 1, line.find(' ', at + 1) - at - 1));
+  }
+  for (const std::string& mount : mounts) umount2(mount.c_str(), MNT_DETACH);
+  std::error_code ignored;
+  std::filesystem::remove_all(m_workingArea, ignored);
+}
+
+std::string NodeProcess::ramFileMount(unsigned nid) const {
+  char node[32];
+  std::snprintf(node, sizeof(node), "/olm_lite/0x%x/fusemnt", nid);
+  return m_workingArea + node;
 }
 
 bool NodeProcess::readSome(std::chrono::milliseconds timeout) {
@@ -105,6 +138,10 @@ std::string executablePath() { return OLM_TEST_EXECUTABLE; }
 std::string libraryPath(const std::string& name) { return std::string(OLM_TEST_LIBRARY_DIR) + "/lib" + name + ".so"; }
 
 std::string pingEuPath() { return OLM_TEST_PING_EU; }
+
+std::string nodeExecutableBinary() { return OLM_TEST_EXECUTABLE_BINARY; }
+
+std::string runtimeLibraryPath() { return OLM_TEST_RUNTIME_LIBRARY; }
 
 std::string hex(unsigned value) {
   char text[16];

@@ -1,5 +1,9 @@
 // A real node process for integration tests: OLMLiteExe started with a command line and extra
 // environment, its standard output and error merged into one pipe that the test reads.
+//
+// Each node gets a private working area: a fresh temporary directory that is both its OLM_RAM_ROOT
+// (unless the environment given names one) and its start directory. The area goes with the object,
+// after any RAM file mount a killed node left in it has been detached.
 #pragma once
 
 #include <sys/types.h>
@@ -28,6 +32,11 @@ class NodeProcess {
   const std::string& output() const { return m_output; }
 
   void kill(int signal);
+  pid_t pid() const { return m_pid; }
+  // The node's OLM_RAM_ROOT and start directory.
+  const std::string& workingArea() const { return m_workingArea; }
+  // Where the node mounts its RAM files: <area>/olm_lite/0x<nid>/fusemnt.
+  std::string ramFileMount(unsigned nid) const;
   // The wait status, or -1 if the process did not end in time.
   int waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   bool running();
@@ -35,7 +44,10 @@ class NodeProcess {
  private:
   bool readSome(std::chrono::milliseconds timeout);
 
+  void removeWorkingArea();
+
   pid_t m_pid = -1;
+  std::string m_workingArea;
   int m_outputFd = -1;
   std::string m_output;
   size_t m_searchFrom = 0;
@@ -47,7 +59,12 @@ class NodeProcess {
 std::string executablePath();
 std::string libraryPath(const std::string& name);
 std::string pingEuPath();
+// The node executable itself (executablePath() may be a wrapper that runs it under an emulator).
+std::string nodeExecutableBinary();
+// libOlmLiteRt.so of the build.
+std::string runtimeLibraryPath();
 // "0x%04x", as node ids are written on the command line and in the nodes' output.
 std::string hex(unsigned value);
+
 
 }  // namespace OlmTest

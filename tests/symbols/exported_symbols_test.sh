@@ -15,7 +15,7 @@ declared_words=$(grep -oE '[A-Za-z_][A-Za-z0-9_]*' <<<"$public_code" | sort -u)
 mentions() { grep -qxF "$1" <<<"$declared_words"; }
 
 # The name an exported symbol is declared under: a C symbol's own name, a C++ function's last name
-# component, or the class of a typeinfo or vtable. The address sanitizer exports an ODR indicator,
+# component (a destructor's class), or the class of a typeinfo or vtable. The address sanitizer exports an ODR indicator,
 # __odr_asan.<name>, beside every exported global; it is declared with its global.
 declared_name() {
   local symbol=$1
@@ -27,6 +27,7 @@ declared_name() {
   esac
   symbol=${symbol%%(*}
   symbol=${symbol##*::}
+  symbol=${symbol#\~}
   case "$symbol" in
     operator*) echo "operator" ;;
     *) echo "$symbol" ;;

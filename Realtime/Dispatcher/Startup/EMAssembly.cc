@@ -194,15 +194,16 @@ void EMAssembly::applyOption(int option, char* value) {
 }
 
 // For NIDs below 0x1000 the two names differ ("0x0123" made, "0x123" entered), so the change of
-// directory fails and the node stays where it started. The mismatch is long-standing and kept.
+// directory fails and the node stays where it started (and mounts its RAM files there). The
+// mismatch is long-standing and kept. The root is /ram unless OLM_RAM_ROOT names another.
 void EMAssembly::enterNodeDirectory() const {
   char command[kPathSize];
-  std::snprintf(command, sizeof(command), "mkdir -p /ram/olm_lite/0x%04lx", m_settings.nid);
+  std::snprintf(command, sizeof(command), "mkdir -p %s/olm_lite/0x%04lx", ramRoot(), m_settings.nid);
   if (std::system(command) != 0) {
     // Results are ignored: a node without its directory still runs.
   }
   char directory[kPathSize];
-  std::snprintf(directory, sizeof(directory), "/ram/olm_lite/0x%lx", m_settings.nid);
+  std::snprintf(directory, sizeof(directory), "%s/olm_lite/0x%lx", ramRoot(), m_settings.nid);
   if (chdir(directory) != 0) {
     // See above.
   }

@@ -98,7 +98,6 @@ TEST_F(AaErrorNonFatal, CodesPrintAsInternalAsTheRuntimesOrAsPlainNumbers) {
       {3, "code           : internal (3)"},
       {4, "code           : Olm (4294901764)"},  // the 32-bit wrap-around of 4 - 0x10000
       {0x10000, "code           : Olm (0)"},
-      {0x10001, "code           : Olm (1)"},
       {0x1005E, "code           : Olm (94)"},
       {0x1005F, "code           :  65631 (0x1005F)"},
       {0x20000, "code           :  131072 (0x20000)"},
@@ -130,10 +129,10 @@ TEST_F(AaErrorNonFatal, AFatalityOutOfRangeGivesANonFatalReportOfCodeThreeWithTh
             1u);
   const std::vector<std::string> lines = serviceLogLines(runtime);
   ASSERT_GE(lines.size(), 12u);
-  EXPECT_EQ(lines[0], kNonFatalBanner);
-  EXPECT_EQ(lines[1], "fatality       : 0 (EAaErrorFatality_NonFatal)");
-  EXPECT_EQ(lines[2], "code           : internal (3)");
-  EXPECT_EQ(lines[3], "description    : Invalid paramters given to call AaErrorExceptionRaise");
+  EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 4),
+            (std::vector<std::string>{kNonFatalBanner, "fatality       : 0 (EAaErrorFatality_NonFatal)",
+                                      "code           : internal (3)",
+                                      "description    : Invalid paramters given to call AaErrorExceptionRaise"}));
   EXPECT_EQ(lines[5], "extra          : not defined");
   EXPECT_EQ(lines[9], "filename       : caller.cc");
   EXPECT_EQ(lines[10], "line number    : 77");

@@ -111,12 +111,12 @@ std::vector<std::string> splitLines(const std::string& text) {
 // The trace lines of the system-log lines the fake runtime received: the text after the level.
 std::vector<std::string> traceLinesSent(const OlmTest::FakeRuntime& runtime) {
   std::vector<std::string> lines;
-  for (void* msg : runtime.sent()) {
-    const auto& header = *Olm::msgHeader(msg);
-    const std::string text(reinterpret_cast<const char*>(&header + 1));
+  for (size_t i = 0; i < runtime.sent().size(); ++i) {
+    const std::string text = runtime.sentText(i);
     const size_t level = text.find(kLevelMark);
+    if (level == std::string::npos) continue;
     const size_t start = level + sizeof(kLevelMark) - 1;
-    if (level != std::string::npos) lines.push_back(text.substr(start, text.find('\n') - start));
+    lines.push_back(text.substr(start, text.find('\n') - start));
   }
   return lines;
 }

@@ -56,15 +56,7 @@ class NodeErrorHandling : public testing::Test {
     });
   }
 
-  std::vector<std::string> nodeEnvironment() const {
-    // A stop signal exits from its handler so that the atexit handlers run (the host platform
-    // removes the node's mailbox in one, allocating): a thread-sanitized node would report that
-    // as unsafe in a signal handler and change its exit status.
-    const char* const sanitizerOptions = std::getenv("TSAN_OPTIONS");
-    return {"OLM_RAM_ROOT=" + m_ramRoot,
-            std::string("TSAN_OPTIONS=") + (sanitizerOptions != nullptr ? sanitizerOptions : "") +
-                " report_signal_unsafe=0"};
-  }
+  std::vector<std::string> nodeEnvironment() const { return {"OLM_RAM_ROOT=" + m_ramRoot}; }
 
   static void skipWithoutCapture() {
     const std::string reason = SystemLogCapture::unavailableReason();

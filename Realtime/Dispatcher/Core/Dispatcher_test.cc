@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "AaFile.h"
 #include "AaSysComMsgHeader.h"
 #include "CapturingLog.h"
 #include "FakeMsgPort.h"
 #include "FakeTimeSource.h"
+#include "IdleMeter.h"
 
 namespace {
 
@@ -62,7 +64,9 @@ class DispatcherTest : public ::testing::Test {
     dispatcher->setWait(0);
   }
   void TearDown() override {
+    testing::internal::CaptureStdout();  // the RAM file registry reports the removals
     delete dispatcher;
+    testing::internal::GetCapturedStdout();
     Dispatcher::setTheDispatcher(nullptr);
     EXPECT_EQ(port.doubleFrees(), 0u);
   }
@@ -317,6 +321,83 @@ TEST_F(DispatcherTest, StatisticsTextShowsDeltasSinceTheLastRead) {
   const std::string second = dispatcher->getStatsBuffer();
   EXPECT_NE(second.find("idleTicks=0\n"), std::string::npos);
   EXPECT_NE(second.find("Idle Time=0.00\n"), std::string::npos);
+}
+
+const CRamFs* registeredFile(const char* name) {
+  const CRamFs key(name, nullptr, 0, nullptr, nullptr, nullptr);
+  return g_RamFsFiles.find(key);
+}
+
+TEST_F(DispatcherTest, StatisticsFilesAreRegisteredAtStartUpAndGoWithTheDispatcher) {
+  testing::internal::CaptureStdout();
+  dispatcher->initStatsLog();
+  const std::string output = testing::internal::GetCapturedStdout();
+  EXPECT_NE(output.find("m_statsBuffer address is: "), std::string::npos) << output;
+  const CRamFs* raw = registeredFile("olmliteStatsRaw.bin");
+  const CRamFs* text = registeredFile("olmliteStats.txt");
+  ASSERT_NE(raw, nullptr);
+  ASSERT_NE(text, nullptr);
+  EXPECT_EQ(raw->size, 416u);
+  EXPECT_EQ(raw->data, dispatcher->getItsEchoServer().getStatsFileView());
+  EXPECT_EQ(text->size, 256u);
+  EXPECT_EQ(text->data, dispatcher->getStatsBuffer());
+
+  // The registry refuses a second registration under the same names; the Dispatcher says so.
+  testing::internal::CaptureStdout();
+  Olm::Dispatcher::setTheDispatcher(nullptr);
+  {
+    Dispatcher second;
+    second.initStatsLog();
+    Olm::Dispatcher::setTheDispatcher(dispatcher);
+  }
+  const std::string refused = testing::internal::GetCapturedStdout();
+  EXPECT_NE(refused.find("Failed to create OLMLite raw stats ramfs file."), std::string::npos) << refused;
+  EXPECT_NE(refused.find("Dispatcher::initStatsLog: problem with ramfs"), std::string::npos) << refused;
+  EXPECT_NE(registeredFile("olmliteStats.txt"), nullptr) << "the second Dispatcher removed what it did not register";
+
+  testing::internal::CaptureStdout();
+  delete dispatcher;
+  dispatcher = nullptr;
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(registeredFile("olmliteStatsRaw.bin"), nullptr);
+  EXPECT_EQ(registeredFile("olmliteStats.txt"), nullptr);
+}
+
+// The meter's first tick is due at once; each tick is a measurement of the statistics EU.
+TEST_F(DispatcherTest, IdleMeterMeasuresOnTheDispatchersOwnTimerQueue) {
+  dispatcher->initStatsLog();
+  dispatcher->bindBuiltInEus();
+  IdleMeterStart(0);
+  const Olm::EchoServer::OLMLiteStatsRaw* stats = dispatcher->getItsEchoServer().getStatsRaw();
+  EXPECT_EQ(stats->meterPeriodMs, 10u);
+  for (int i = 0; i < 4; ++i) dispatcher->runIteration();  // deliver, dispatch, idle
+  EXPECT_EQ(stats->measurementCount, 1u);
+  time.setSamples(10 * 30720);
+  for (int i = 0; i < 4; ++i) dispatcher->runIteration();
+  EXPECT_EQ(stats->measurementCount, 2u);
+
+  uint32_t load = 0, minLoad = 0, maxLoad = 0;
+  IdleMeterGetCpuLoad(&load, &minLoad, &maxLoad);
+  EXPECT_LE(minLoad, load);
+  EXPECT_LE(load, maxLoad);
+  EXPECT_LE(maxLoad, 10000u);
+  EXPECT_EQ(stats->measurementCount, 0u);
+  testing::internal::CaptureStdout();
+  IdleMeterGetCpuLoad(&load, nullptr, &maxLoad);
+  IdleMeterStart(10);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "IdleMeter : input param null. \nOLMLite IdleMeterStart is called before meter being closed.\n");
+  IdleMeterStop();
+  EXPECT_EQ(stats->meterPeriodMs, 0u);
+  EXPECT_EQ(IdleMeterGetCycleCounter(), 0u);
+  // The stopped timer's message is not released by the statistics EU: the port still holds it.
+  EXPECT_EQ(port.liveBuffers(), 2u) << "the history timer's and the stopped meter's message";
+}
+
+TEST(IdleMeterWithoutDispatcher, Aborts) {
+  uint32_t load = 0;
+  EXPECT_DEATH(IdleMeterStart(10), "theDispatcher != 0");
+  EXPECT_DEATH(IdleMeterGetCpuLoad(&load, &load, &load), "theDispatcher != 0");
 }
 
 }  // namespace

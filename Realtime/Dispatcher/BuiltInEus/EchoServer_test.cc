@@ -168,26 +168,6 @@ TEST_F(EchoServerTest, LongPeriodsAreCutToALimitThatItselfAborts) {
   EXPECT_DEATH(server.startIdleMeter(0xFFFFFFFF), "m_samples < MaxSamples");
 }
 
-TEST_F(EchoServerTest, WithoutAMessageBufferTheMeterStaysStopped) {
-  runtime.failAllocations(true);
-  EXPECT_EQ(captured([](EchoServer& eu) { eu.startIdleMeter(10); }), "Failed to alloc stats meter timer msg.\n");
-  EXPECT_EQ(captured([](EchoServer& eu) { eu.startHistTimer(); }), "Failed to alloc stats history timer msg.\n");
-  runtime.failAllocations(false);
-  EXPECT_TRUE(runtime.timers().empty());
-  EXPECT_EQ(stats->meterPeriodMs, 0u);
-}
-
-TEST(EchoServerWithoutRecord, StartsNothingAndSaysSo) {
-  OlmTest::FakeRuntime runtime;
-  EchoServer server;
-  testing::internal::CaptureStdout();
-  server.startIdleMeter(10);
-  server.startHistTimer();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "OLMLite stats is not initialized yet.\nOLMLite stats is not initialized yet.\n");
-  EXPECT_TRUE(runtime.timers().empty());
-}
-
 TEST(EchoServerWithoutDispatcher, TimersAbort) {
   EchoServer server;
   server.initStatsRaw();

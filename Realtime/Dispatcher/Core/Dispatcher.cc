@@ -26,6 +26,8 @@ static_assert(sizeof(Ticks) <= sizeof(uint64_t), "tick readings fit the Dispatch
 
 constexpr uint32_t kMaxTimerMsgLength = 65536;
 const char* const kQueueNames[Dispatcher::kQueueCount] = {"HIGH", "MED", "LOW"};
+constexpr char kStatsRawFileName[] = "olmliteStatsRaw.bin";
+constexpr char kStatsTextFileName[] = "olmliteStats.txt";
 
 }  // namespace
 
@@ -34,7 +36,12 @@ Dispatcher::Dispatcher() {
   setTheDispatcher(this);
 }
 
-Dispatcher::~Dispatcher() { std::free(m_statsBuffer); }
+// The RAM files go first: once removed, the file system no longer reads the buffers.
+Dispatcher::~Dispatcher() {
+  if (m_statsTextFileRegistered) AaFileRamfsRemove(kStatsTextFileName);
+  if (m_statsRawFileRegistered) AaFileRamfsRemove(kStatsRawFileName);
+  std::free(m_statsBuffer);
+}
 
 Dispatcher* Dispatcher::getDispatcherInstance() {
   OLM_ASSERT(theDispatcher != 0);
@@ -340,50 +347,33 @@ void Dispatcher::logMsgOperation(const char* operation, void* msg) {
 
 void Dispatcher::initStatsLog() {
   m_echoServer.initStatsRaw();
+  m_statsRawFileRegistered =
+      AaFileRamfsSetExt(kStatsRawFileName, m_echoServer.getStatsFileView(), sizeof(EchoServer::OLMLiteStatsRaw),
+                        EchoServer::lockFn, EchoServer::unlockFn, &m_echoServer) == EAaFileRet_Ok;
+  if (!m_statsRawFileRegistered) std::puts("Failed to create OLMLite raw stats ramfs file.");
   m_statsBuffer = static_cast<char*>(std::malloc(kStatsTextSize));
   std::printf("m_statsBuffer address is: %p\n", static_cast<void*>(m_statsBuffer));
   if (m_statsBuffer == nullptr) return;
   std::memset(m_statsBuffer, 0, kStatsTextSize);
-  // The RAM files "olmliteStatsRaw.bin" and "olmliteStats.txt" are published once the RAM file
-  // service exists; lockFn/unlockFn are their callbacks.
+  m_statsTextFileRegistered =
+      AaFileRamfsSetExt(kStatsTextFileName, m_statsBuffer, kStatsTextSize, lockFn, unlockFn, nullptr) == EAaFileRet_Ok;
+  if (!m_statsTextFileRegistered) std::puts("Dispatcher::initStatsLog: problem with ramfs");
 }
 
-int Dispatcher::lockFn(void*) {
+EAaFileCallbackAction Dispatcher::lockFn(void*) {
   Dispatcher* dispatcher = getTheDispatcher();
-  if (dispatcher == nullptr || dispatcher->m_statsBuffer == nullptr) return 0;
-  EchoServer::OLMLiteStatsRaw* stats = dispatcher->m_echoServer.getStatsRaw();
-  if (stats == nullptr) return 0;
-  // Read without locking on the file-system thread: a torn 64-bit value in one report is tolerated.
-  const uint64_t idle = stats->idleTicks - stats->lastReadIdleTicks;
-  const uint64_t messaging = stats->messagingTicks - stats->lastReadMessagingTicks;
-  const uint64_t loop = stats->totalLoopTicks - stats->lastReadTotalLoopTicks;
-  const uint64_t overhead = loop - messaging;
-  const uint64_t all = loop + idle;
-  float idlePercent = 0, overheadPercent = 0, messagingPercent = 0;
-  if (all != 0) {
-    idlePercent = static_cast<float>(100.0 * static_cast<double>(idle) / static_cast<double>(all));
-    overheadPercent = static_cast<float>(100.0 * static_cast<double>(overhead) / static_cast<double>(all));
-    messagingPercent = static_cast<float>(100.0 * static_cast<double>(messaging) / static_cast<double>(all));
+  if (dispatcher != nullptr && dispatcher->m_statsBuffer != nullptr) {
+    dispatcher->m_echoServer.writeStatsText(dispatcher->m_statsBuffer, kStatsTextSize);
   }
-  std::snprintf(dispatcher->m_statsBuffer, kStatsTextSize,
-                "Ticks since last read:\nidleTicks=%llu\ndispOverHeadTicks=%llu\nmessagingTicks=%llu\n"
-                "Tick resolution=%u\nCPU Usage since last read:\nIdle Time=%.2f\nDispatcher Overhead=%.2f\n"
-                "Messaging Callbacks=%.2f\n",
-                static_cast<unsigned long long>(idle), static_cast<unsigned long long>(overhead),
-                static_cast<unsigned long long>(messaging), static_cast<unsigned>(AaTickResolutionGet()),
-                idlePercent, overheadPercent, messagingPercent);
-  stats->lastReadIdleTicks = stats->idleTicks;
-  stats->lastReadMessagingTicks = stats->messagingTicks;
-  stats->lastReadTotalLoopTicks = stats->totalLoopTicks;
-  return 0;
+  return EAaFileCallbackAction_Ok;
 }
 
-int Dispatcher::unlockFn(void*) {
+EAaFileCallbackAction Dispatcher::unlockFn(void*) {
   Dispatcher* dispatcher = getTheDispatcher();
   if (dispatcher != nullptr && dispatcher->m_statsBuffer != nullptr) {
     std::memset(dispatcher->m_statsBuffer, 0, kStatsTextSize);
   }
-  return 0;
+  return EAaFileCallbackAction_Ok;
 }
 
 }  // namespace Olm

@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstdint>
 
+#include "AaFile.h"
 #include "EchoServer.h"
 #include "IAaSysDispatcher.h"
 #include "ILog.h"
@@ -83,10 +84,19 @@ class Dispatcher final : public IAaSysDispatcher, public IRuntime {
   void pause();
   void logMsgOperation(const char* operation, void* msg);
 
-  // Statistics files, registered once during start-up.
+  // Statistics files, registered once during start-up: "olmliteStatsRaw.bin" (the statistics
+  // EU's record) and "olmliteStats.txt" (the text lockFn writes when a reader opens it, unlockFn
+  // clears when the reader closes it; both run on the RAM file service's thread).
   void initStatsLog();
-  static int lockFn(void* context);
-  static int unlockFn(void* context);
+  static EAaFileCallbackAction lockFn(void* context);
+  static EAaFileCallbackAction unlockFn(void* context);
+
+  // The idle meter of the statistics EU (IdleMeter.h).
+  void idleMeterStart(unsigned int milliseconds) { m_echoServer.startIdleMeter(milliseconds); }
+  void idleMeterStop() { m_echoServer.stopIdleMeter(); }
+  void idleMeterGet(unsigned int& load, unsigned int& minLoad, unsigned int& maxLoad) {
+    m_echoServer.getIdleMeterCpuLoad(load, minLoad, maxLoad);
+  }
 
   // EU registry: the EU bound to the CPID, or null.
   IAaSysDispatcherSicHandler* getItsIEu(unsigned short cpid) const;
@@ -161,6 +171,8 @@ class Dispatcher final : public IAaSysDispatcher, public IRuntime {
   TimerQueue m_timerQueue;
   EchoServer m_echoServer;
   SicFtpFwEu m_sicFtpFwEu;
+  bool m_statsRawFileRegistered = false;
+  bool m_statsTextFileRegistered = false;
   uint64_t m_lastTickReading = 0;         // the latest AaTicksGet of the loop
   bool m_lastTickReadingCurrent = false;  // taken at the end of the previous busy iteration
 };

@@ -2,14 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "AaFile.h"
 #include "AaSysComMsgHeader.h"
 #include "CapturingLog.h"
 #include "FakeMsgPort.h"
 #include "FakeTimeSource.h"
+#include "IdleMeter.h"
 
 namespace {
 
@@ -62,7 +66,9 @@ class DispatcherTest : public ::testing::Test {
     dispatcher->setWait(0);
   }
   void TearDown() override {
+    testing::internal::CaptureStdout();  // the RAM file registry reports the removals
     delete dispatcher;
+    testing::internal::GetCapturedStdout();
     Dispatcher::setTheDispatcher(nullptr);
     EXPECT_EQ(port.doubleFrees(), 0u);
   }
@@ -317,6 +323,100 @@ TEST_F(DispatcherTest, StatisticsTextShowsDeltasSinceTheLastRead) {
   const std::string second = dispatcher->getStatsBuffer();
   EXPECT_NE(second.find("idleTicks=0\n"), std::string::npos);
   EXPECT_NE(second.find("Idle Time=0.00\n"), std::string::npos);
+}
+
+const CRamFs* registeredFile(const char* name) {
+  const CRamFs key(name, nullptr, 0, nullptr, nullptr, nullptr);
+  return g_RamFsFiles.find(key);
+}
+
+TEST_F(DispatcherTest, StatisticsFilesAreRegisteredAtStartUpAndGoWithTheDispatcher) {
+  testing::internal::CaptureStdout();
+  dispatcher->initStatsLog();
+  const std::string output = testing::internal::GetCapturedStdout();
+  EXPECT_NE(output.find("m_statsBuffer address is: "), std::string::npos) << output;
+  const CRamFs* raw = registeredFile("olmliteStatsRaw.bin");
+  const CRamFs* text = registeredFile("olmliteStats.txt");
+  ASSERT_NE(raw, nullptr);
+  ASSERT_NE(text, nullptr);
+  EXPECT_EQ(raw->size, 416u);
+  EXPECT_EQ(raw->data, dispatcher->getItsEchoServer().getStatsFileView());
+  EXPECT_EQ(text->size, 256u);
+  EXPECT_EQ(text->data, dispatcher->getStatsBuffer());
+
+  testing::internal::CaptureStdout();
+  delete dispatcher;
+  dispatcher = nullptr;
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(registeredFile("olmliteStatsRaw.bin"), nullptr);
+  EXPECT_EQ(registeredFile("olmliteStats.txt"), nullptr);
+}
+
+// The meter's first tick is due at once; each tick is a measurement of the statistics EU.
+TEST_F(DispatcherTest, IdleMeterMeasuresOnTheDispatchersOwnTimerQueue) {
+  dispatcher->initStatsLog();
+  dispatcher->bindBuiltInEus();
+  IdleMeterStart(0);
+  const Olm::EchoServer::OLMLiteStatsRaw* stats = dispatcher->getItsEchoServer().getStatsRaw();
+  EXPECT_EQ(stats->meterPeriodMs, 10u);
+  for (int i = 0; i < 4; ++i) dispatcher->runIteration();  // deliver, dispatch, idle
+  EXPECT_EQ(stats->measurementCount, 1u);
+  time.setSamples(10 * 30720);
+  for (int i = 0; i < 4; ++i) dispatcher->runIteration();
+  EXPECT_EQ(stats->measurementCount, 2u);
+
+  uint32_t load = 0, minLoad = 0, maxLoad = 0;
+  IdleMeterGetCpuLoad(&load, &minLoad, &maxLoad);
+  EXPECT_LE(minLoad, load);
+  EXPECT_LE(load, maxLoad);
+  EXPECT_LE(maxLoad, 10000u);
+  EXPECT_EQ(stats->measurementCount, 0u);
+  testing::internal::CaptureStdout();
+  IdleMeterGetCpuLoad(&load, nullptr, &maxLoad);
+  IdleMeterStart(10);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "IdleMeter : input param null. \nOLMLite IdleMeterStart is called before meter being closed.\n");
+  IdleMeterStop();
+  EXPECT_EQ(stats->meterPeriodMs, 0u);
+  EXPECT_EQ(IdleMeterGetCycleCounter(), 0u);
+  // The stopped timer's message is not released by the statistics EU: the port still holds it.
+  EXPECT_EQ(port.liveBuffers(), 2u) << "the history timer's and the stopped meter's message";
+}
+
+// The file system's thread opens, reads and closes both files while the loop runs with the meter
+// on: under the thread sanitizer nothing of this may race.
+TEST_F(DispatcherTest, StatisticsFilesAreReadWhileTheLoopCountsTicks) {
+  dispatcher->initStatsLog();
+  dispatcher->bindBuiltInEus();
+  IdleMeterStart(0);
+  const CRamFs* raw = registeredFile("olmliteStatsRaw.bin");
+  const CRamFs* text = registeredFile("olmliteStats.txt");
+  ASSERT_NE(raw, nullptr);
+  ASSERT_NE(text, nullptr);
+  constexpr int kReads = 2000;
+  std::thread fileSystem([raw, text] {
+    char copy[416];
+    for (int read = 0; read < kReads; ++read) {
+      for (const CRamFs* file : {raw, text}) {
+        file->lock(file->arg);
+        std::memcpy(copy, file->data, std::min<size_t>(file->size, sizeof(copy)));
+        file->unlock(file->arg);
+      }
+    }
+  });
+  for (int iteration = 0; iteration < 4 * kReads; ++iteration) {
+    time.setSamples(static_cast<uint64_t>(iteration) * 30720);
+    dispatcher->runIteration();
+  }
+  fileSystem.join();
+  EXPECT_GT(dispatcher->getItsEchoServer().getStatsRaw()->measurementCount, 0u);
+  IdleMeterStop();
+}
+
+TEST(IdleMeterWithoutDispatcher, Aborts) {
+  uint32_t load = 0;
+  EXPECT_DEATH(IdleMeterStart(10), "theDispatcher != 0");
+  EXPECT_DEATH(IdleMeterGetCpuLoad(&load, &load, &load), "theDispatcher != 0");
 }
 
 }  // namespace

@@ -28,6 +28,9 @@ using OlmTest::isMountPoint;
 using OlmTest::listing;
 using OlmTest::NodeProcess;
 
+// Every node publishes its history log, by default 2 MiB.
+constexpr size_t kHistoryLogSize = 0x200000;
+
 std::string whyNodesCannotMount() {
   if (access("/dev/fuse", R_OK | W_OK) != 0) return std::string("/dev/fuse is not usable: ") + std::strerror(errno);
   return "";
@@ -65,7 +68,8 @@ TEST_F(NodeRamFiles, LsAndCatInTheNodeDirectoryShowTheRegisteredFiles) {
   ASSERT_NE(node, nullptr);
   const std::string mount = node->ramFileMount(nid);
   ASSERT_TRUE(isMountPoint(mount)) << mount;
-  EXPECT_EQ(listing(mount), (std::vector<std::string>{".", "..", OlmTest::kEuBinaryFile, OlmTest::kEuTextFile}));
+  EXPECT_EQ(listing(mount), (std::vector<std::string>{".", "..", OlmTest::kEuBinaryFile, OlmTest::kEuTextFile,
+                                                       OlmTest::historyLogFileName(nid)}));
   EXPECT_EQ(fileContents(mount + "/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
   EXPECT_TRUE(fileContents(mount + "/" + OlmTest::kEuBinaryFile) == OlmTest::euBinaryContents());
 }
@@ -127,6 +131,7 @@ TEST_F(NodeRamFiles, TheFilesComeBackByteForByteFromACoreOfTheRunningNode) {
   ASSERT_EQ(AaFile_parseCoreFile(0, executable.data(), core.data(), output.data(), 0), 0);
   EXPECT_EQ(fileContents(output + "/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
   EXPECT_TRUE(fileContents(output + "/" + OlmTest::kEuBinaryFile) == OlmTest::euBinaryContents());
+  EXPECT_EQ(fileContents(output + "/" + OlmTest::historyLogFileName(nid)).size(), kHistoryLogSize);
   EXPECT_NE(access(core.c_str(), F_OK), 0);
 }
 

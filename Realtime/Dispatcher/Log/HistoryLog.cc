@@ -38,7 +38,14 @@ void HistoryLog::initHistoryLog(const char* name) {
   std::printf("Hist buff address is: %p\n", static_cast<void*>(m_buffer));
   if (AaFileRamfsSetExt(name, m_buffer, m_size, lockFn, unlockFn, nullptr) != EAaFileRet_Ok) {
     std::printf("init: problem with ramfs");
+    return;
   }
+  std::snprintf(m_fileName, sizeof(m_fileName), "%s", name);
+}
+
+HistoryLog::~HistoryLog() {
+  if (m_fileName[0] != '\0') AaFileRamfsRemove(m_fileName);
+  delete[] reinterpret_cast<uint32_t*>(m_buffer);
 }
 
 void HistoryLog::putTime(LteTime time) {

@@ -24,6 +24,9 @@ class HistoryLog : public ILog {
   static constexpr unsigned kTextAreaSize = 2048;
 
   HistoryLog() = default;
+  // The node's log lives as long as the process. Another one (tests) withdraws its RAM file and
+  // frees its ring.
+  ~HistoryLog() override;
   HistoryLog(const HistoryLog&) = delete;
   HistoryLog& operator=(const HistoryLog&) = delete;
 
@@ -67,6 +70,8 @@ class HistoryLog : public ILog {
   void commitRecord();
   void storeTextChunks(const char* text);
 
+  static constexpr unsigned kFileNameSize = 256;
+
   history::SHistoryRecord* m_buffer = nullptr;
   uint32_t m_capacity = 0;
   uint32_t m_size = 0;
@@ -75,6 +80,7 @@ class HistoryLog : public ILog {
   ITimeSource* m_timeSource = nullptr;
   LteTime m_lastTime;
   history::ArgumentLayoutCache m_layouts;
+  char m_fileName[kFileNameSize] = {};  // empty unless registered
 };
 
 }  // namespace Olm

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <string>
 
-#include "AaFile.h"
 #include "AaSysComMsgHeader.h"
 #include "FakeTimeSource.h"
 #include "FileTestUtil.h"
@@ -34,10 +33,6 @@ class HistoryLogTest : public ::testing::Test {
     time.setNow(LteTime(12, 345, 7, 1234));
     log.setItsITimeSource(&time);
   }
-  void TearDown() override {
-    if (!m_fileName.empty()) AaFileRamfsRemove(m_fileName.c_str());
-  }
-
   // Returns what initialisation printed.
   std::string init(unsigned size) {
     m_fileName = std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "_HistoryLog.bin";

@@ -7,7 +7,7 @@
  * at the write position):
  *
  *   *********** History Log *************
- *   [0012,0345,07,01234] (0701)->Send(0x7f12a4c0)) {Id:0b01 Target:10110702 Sender:10110701} (UNKNOWN)
+ *   [0012,0345,07,01234] (0701)->Send(0x7f12a4c0) {Id:0b01 Target:10110702 Sender:10110701} (UNKNOWN)
  *   ...
  *   *********** End history *************
  *

@@ -3,13 +3,21 @@
 //
 //   Reply:   each message is answered with a new one (create, send; the runtime frees the old).
 //   Forward: the same buffer goes back and forth (no allocation on the path).
+//
+// Reply again with the operation trace on (--verbose), every operation of every message traced:
+//   ReplyTracedToHistory: into the history log, as a verbose node does
+//   ReplyTracedToPrint:   printed as --verbose --nohistory does, to standard output redirected to
+//                         /dev/null
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 
 #include "AaSysCom.h"
 #include "BenchNode.h"
+#include "EMAssembly.h"
+#include "TrivialLog.h"
 
 namespace {
 
@@ -19,6 +27,7 @@ constexpr TAaSysComMsgId kBallMsgId = 0x0B01;
 constexpr uint32_t kPayloadSize = 16;
 
 enum class Mode { Reply, Forward };
+enum class Trace { Off, History, Print };
 
 class PlayerEu : public Olm::IAaSysDispatcherSicHandler {
  public:
@@ -63,8 +72,22 @@ void serve(Mode mode) {
   AaSysComMsgSend(&ball);
 }
 
-void BM_LocalPingPong(benchmark::State& state, Mode mode) {
+// Where the trace goes while a benchmark runs; the node is left untraced afterwards.
+void traceTo(Trace trace) {
+  Olm::EMAssembly& assembly = *Olm::EMAssembly::getInstance();
+  static Olm::TrivialLog printed = [&] {
+    Olm::TrivialLog log(std::fopen("/dev/null", "w"));
+    log.setItsITimeSource(&assembly.getItsAifTimeSource());
+    return log;
+  }();
+  Olm::Dispatcher& dispatcher = assembly.getItsDispatcher();
+  dispatcher.setVerbose(trace != Trace::Off);
+  dispatcher.setItsILog(trace == Trace::Print ? static_cast<Olm::ILog*>(&printed) : &assembly.getItsHistoryLog());
+}
+
+void BM_LocalPingPong(benchmark::State& state, Mode mode, Trace trace = Trace::Off) {
   Olm::Dispatcher& dispatcher = node();
+  traceTo(trace);
   serve(mode);
   for (auto _ : state) dispatcher.runIteration();
   state.SetItemsProcessed(state.iterations());
@@ -72,9 +95,12 @@ void BM_LocalPingPong(benchmark::State& state, Mode mode) {
   ping.catchBall = pong.catchBall = true;
   dispatcher.runIteration();
   ping.catchBall = pong.catchBall = false;
+  traceTo(Trace::Off);
 }
 
 BENCHMARK_CAPTURE(BM_LocalPingPong, Reply, Mode::Reply);
 BENCHMARK_CAPTURE(BM_LocalPingPong, Forward, Mode::Forward);
+BENCHMARK_CAPTURE(BM_LocalPingPong, ReplyTracedToHistory, Mode::Reply, Trace::History);
+BENCHMARK_CAPTURE(BM_LocalPingPong, ReplyTracedToPrint, Mode::Reply, Trace::Print);
 
 }  // namespace

@@ -11,6 +11,14 @@
 #                                (aim <= 3)
 #   timer_p50_over_timerfd       a 1 ms LTE timer's lateness p50 on an idle node over a bare
 #                                timerfd loop's, the two alternating on one thread (target <= 1.1)
+#   history_record_over_bare     time of one history-log record (the operation trace's) over a bare
+#                                88-byte record's with the same time read (target <= 1.3)
+#   history_record_over_spdlog   the same record's time over a synchronous spdlog call's with a null
+#                                sink (target <= 0.33; needs libspdlog-dev at configuration)
+#   traced_over_untraced         time per message of LocalPingPong Reply with --verbose into the
+#                                history log over the untraced path's (target <= 2)
+#   printed_over_traced          the same with the trace printed (--verbose --nohistory, to
+#                                /dev/null) over tracing into the history log (target >= 5)
 # Figures are medians of repetitions. Usage: bench/ratios.sh [build dir]   (default build/native;
 # build it as RelWithDebInfo or Release).
 set -euo pipefail
@@ -42,6 +50,7 @@ RHYDDAL_SPIN_US=0 run apart-parking apart NodePingPong_benchmark 'NodeRoundTrip|
 RHYDDAL_SPIN_US=0 run same-parking same NodePingPong_benchmark 'NodeRoundTrip|BareRingRoundTrip/'
 run apart-spinning apart NodePingPong_benchmark 'NodeRoundTrip'
 run same same TimerLateness_benchmark '.'
+run same same HistoryLog_benchmark '.'
 
 value() { awk -v p="$1" -v b="$2" -v k="$3" '$1 == p && ($2 == b || index($2, b "/") == 1) && $3 == k { print $4; exit }' "$results"; }
 ratio() {
@@ -60,3 +69,12 @@ ratio rtt_p50_over_bare_same_cpu "$(value same-parking BM_NodeRoundTrip p50_us)"
 ratio rtt_p50_spinning_over_busy_ring "$(value apart-spinning BM_NodeRoundTrip p50_us)" \
   "$(value apart BM_BareRingRoundTripPolling p50_us)"
 ratio timer_p50_over_timerfd "$(value same BM_TimerLateness node_p50_us)" "$(value same BM_TimerLateness timerfd_p50_us)"
+# Ratios of times, from rates: the denominator's rate over the numerator's.
+ratio history_record_over_bare "$(value same BM_BareRecord/Clock items_per_second)" \
+  "$(value same BM_HistoryMessage/Clock items_per_second)"
+ratio history_record_over_spdlog "$(value same BM_SpdlogNullSink items_per_second)" \
+  "$(value same BM_HistoryMessage/Clock items_per_second)"
+ratio traced_over_untraced "$(value apart BM_LocalPingPong/Reply items_per_second)" \
+  "$(value apart BM_LocalPingPong/ReplyTracedToHistory items_per_second)"
+ratio printed_over_traced "$(value apart BM_LocalPingPong/ReplyTracedToHistory items_per_second)" \
+  "$(value apart BM_LocalPingPong/ReplyTracedToPrint items_per_second)"

@@ -3,7 +3,7 @@
 # OlmLiteRt::OlmLiteRt carries the include directory.
 include(CMakePackageConfigHelpers)
 
-set(OLM_INSTALL_TARGETS OlmLiteRt OLMLiteExe olm-core-ramfiles)
+set(OLM_INSTALL_TARGETS OlmLiteRt OLMLiteExe olm-core-ramfiles olm-history)
 if(OLM_HOST_PLATFORM)
   list(APPEND OLM_INSTALL_TARGETS RHYDDAL rhyddal-cdma-sync)
   install(FILES ${PROJECT_SOURCE_DIR}/Platform/Include/Rhyddal.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)

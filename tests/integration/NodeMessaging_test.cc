@@ -14,13 +14,14 @@ namespace {
 using OlmTest::hex;
 using OlmTest::NodeProcess;
 
-// A verbose node traces every message it hands to the transport as "->Output(".
+// A verbose node without its history log prints every message it hands to the transport as
+// "->Output(".
 constexpr const char kSendTrace[] = "->Output(";
 constexpr int kPingsIntoTheVoid = 3;
 
 std::unique_ptr<NodeProcess> startPingNode(unsigned nid, unsigned peer, bool verbose = false) {
   std::vector<std::string> args{"--nid", hex(nid), "--wait", "1000", "--load-local", OlmTest::pingEuPath()};
-  if (verbose) args.push_back("--verbose");
+  if (verbose) args.insert(args.end(), {"--verbose", "--nohistory"});
   return std::make_unique<NodeProcess>(args, std::vector<std::string>{"OLM_PING_PEER=" + hex(peer), "OLM_PING_PERIOD_MS=50"});
 }
 

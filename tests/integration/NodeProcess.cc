@@ -157,6 +157,12 @@ std::string nodeExecutableBinary() { return OLM_TEST_EXECUTABLE_BINARY; }
 
 std::string runtimeLibraryPath() { return OLM_TEST_RUNTIME_LIBRARY; }
 
+std::string historyLogFileName(unsigned nid) {
+  char name[32];
+  std::snprintf(name, sizeof(name), "%x_HistoryLog.bin", nid);
+  return name;
+}
+
 std::string hex(unsigned value) {
   char text[16];
   std::snprintf(text, sizeof(text), "0x%04x", value);

@@ -63,6 +63,8 @@ std::string pingEuPath();
 std::string nodeExecutableBinary();
 // libOlmLiteRt.so of the build.
 std::string runtimeLibraryPath();
+// The node's history log RAM file: "<nid in hex>_HistoryLog.bin".
+std::string historyLogFileName(unsigned nid);
 // "0x%04x", as node ids are written on the command line and in the nodes' output.
 std::string hex(unsigned value);
 

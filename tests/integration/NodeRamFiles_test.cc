@@ -27,6 +27,9 @@ using OlmTest::isMountPoint;
 using OlmTest::listing;
 using OlmTest::NodeProcess;
 
+// Every node publishes its history log, by default 2 MiB.
+constexpr size_t kHistoryLogSize = 0x200000;
+
 std::string whyNodesCannotMount() {
   if (access("/dev/fuse", R_OK | W_OK) != 0) return std::string("/dev/fuse is not usable: ") + std::strerror(errno);
   return "";
@@ -64,9 +67,11 @@ TEST_F(NodeRamFiles, LsAndCatInTheNodeDirectoryShowTheRegisteredFiles) {
   ASSERT_NE(node, nullptr);
   const std::string mount = node->ramFileMount(nid);
   ASSERT_TRUE(isMountPoint(mount)) << mount;
-  // The Dispatcher's statistics files are registered first, the EU's last; listings show the newest first.
+  // The Dispatcher's statistics files are registered first, then the history log, the EU's last;
+  // listings show the newest first.
   EXPECT_EQ(listing(mount), (std::vector<std::string>{".", "..", OlmTest::kEuBinaryFile, OlmTest::kEuTextFile,
-                                                      "olmliteStats.txt", "olmliteStatsRaw.bin"}));
+                                                      OlmTest::historyLogFileName(nid), "olmliteStats.txt",
+                                                      "olmliteStatsRaw.bin"}));
   EXPECT_EQ(fileContents(mount + "/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
   EXPECT_TRUE(fileContents(mount + "/" + OlmTest::kEuBinaryFile) == OlmTest::euBinaryContents());
 }
@@ -136,6 +141,7 @@ TEST_F(NodeRamFiles, TheFilesComeBackByteForByteFromACoreOfTheRunningNode) {
   EXPECT_NE(listed.find(output + "/" + OlmTest::kEuTextFile + "\n"), std::string::npos) << listed;
   EXPECT_EQ(fileContents(output + "/" + OlmTest::kEuTextFile), OlmTest::kEuTextContents);
   EXPECT_TRUE(fileContents(output + "/" + OlmTest::kEuBinaryFile) == OlmTest::euBinaryContents());
+  EXPECT_EQ(fileContents(output + "/" + OlmTest::historyLogFileName(nid)).size(), kHistoryLogSize);
   EXPECT_NE(access(core.c_str(), F_OK), 0);
 }
 

@@ -33,6 +33,13 @@ class FormatArguments {
   // The type of the next argument the format reads; false when it reads no more.
   bool next(FormatArgument& argument);
 
+  // After next(): true when the argument it gave is a conversion's own value, not a '*' width or
+  // precision of it.
+  bool atConversion() const { return !m_conversionPending && m_pendingStars == 0; }
+  // The format text after the conversion parsed last (its letter is the character before); null
+  // once an unknown conversion has ended the walk.
+  const char* rest() const { return m_next; }
+
  private:
   const char* m_next;
   unsigned m_pendingStars = 0;  // '*' widths and precisions of the conversion being read

@@ -114,6 +114,7 @@ EMAssembly::EMAssembly() {
   m_dispatcher.setItsITimeSource(&m_timeSource);
   m_dispatcher.setItsIMsgPort(&m_msgPort);
   m_dispatcher.setItsILog(&m_trivialLog);
+  m_historyLog.setItsITimeSource(&m_timeSource);
   m_trivialLog.setItsITimeSource(&m_timeSource);
 }
 
@@ -166,8 +167,7 @@ void EMAssembly::applyOption(int option, char* value) {
       m_settings.cpu = parseNumber(value);
       break;
     case OptLogSize:
-      // Takes effect with the history log.
-      m_settings.historyLogSize = parseNumber(value);
+      m_historyLog.setHistoryLogSize(static_cast<unsigned>(parseNumber(value)));
       break;
     case OptAifMode:
       m_timeSource.setSimMode(parseNumber(value) != 0);
@@ -209,6 +209,16 @@ void EMAssembly::enterNodeDirectory() const {
   }
 }
 
+// The ring exists and is published even under --nohistory; the Dispatcher then keeps printing
+// through the trivial log.
+void EMAssembly::attachHistoryLog() {
+  char name[kPathSize];
+  std::snprintf(name, sizeof(name), "%lx_HistoryLog.bin", m_settings.nid);
+  m_historyLog.initHistoryLog(name);
+  m_historyLog.setItsITimeSource(&m_timeSource);
+  if (m_settings.historyOn) m_dispatcher.setItsILog(&m_historyLog);
+}
+
 int EMAssembly::Initialize(int argc, char** argv) {
   installAllocationTraceSignals();
   parseCommandLine(argc, argv);
@@ -217,8 +227,7 @@ int EMAssembly::Initialize(int argc, char** argv) {
     _exit(-1);
   }
   m_dispatcher.initStatsLog();
-  // The history log and the message filter log attach here once they exist; until then the
-  // Dispatcher keeps logging through the trivial log.
+  attachHistoryLog();
   const int portResult = m_msgPort.initialize(m_dispatcher.getOwnNid(), static_cast<unsigned>(m_settings.cpu),
                                               m_settings.masterNid);
   if (portResult < 0) {

@@ -7,6 +7,7 @@
 #include "BaseAssembly.h"
 #include "Dispatcher.h"
 #include "EMMsgPort.h"
+#include "HistoryLog.h"
 #include "TrivialLog.h"
 
 namespace Olm {
@@ -23,6 +24,7 @@ class EMAssembly : public BaseAssembly {
 
   Dispatcher& getItsDispatcher() { return m_dispatcher; }
   EMMsgPort& getItsEMMsgPort() { return m_msgPort; }
+  HistoryLog& getItsHistoryLog() { return m_historyLog; }
   TrivialLog& getItsTrivialLog() { return m_trivialLog; }
   AifTimeSource& getItsAifTimeSource() { return m_timeSource; }
 
@@ -36,7 +38,6 @@ class EMAssembly : public BaseAssembly {
     uint16_t masterNid = 0;
     unsigned long cpu = 0;
     bool historyOn = true;
-    unsigned long historyLogSize = 0;
     unsigned long msgFilterMode = 0;  // 0 disabled, 1 enabled, 2 message headers only
     unsigned long msgFilterSize = 0;
     const char* msgFilterIds = nullptr;
@@ -45,9 +46,11 @@ class EMAssembly : public BaseAssembly {
   void parseCommandLine(int argc, char** argv);
   void applyOption(int option, char* value);
   void enterNodeDirectory() const;
+  void attachHistoryLog();
 
   Dispatcher m_dispatcher;
   EMMsgPort m_msgPort;
+  HistoryLog m_historyLog;
   TrivialLog m_trivialLog;
   AifTimeSource m_timeSource;
   Settings m_settings;

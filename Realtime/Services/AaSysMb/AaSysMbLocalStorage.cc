@@ -36,12 +36,17 @@ TAaSysMbList* findNext(const TAaSysMbList* from, uint32_t msgId) {
   return nullptr;
 }
 
-// Removes the first subscription of subscriber to msgId, traced under the caller's name.
-void removeSubscription(TAaSysMbList* list, uint32_t subscriber, uint32_t msgId, const char* trace) {
+// Removes the first subscription of subscriber to msgId, logged under the caller's name.
+void removeSubscription(TAaSysMbList* list, uint32_t subscriber, uint32_t msgId, const char* function) {
+  if (list == nullptr) {
+    AaSysLogPrintE(EAaSysLogSeverityLevel_Info, AASYSMB_FEATURE_ID, "%s(): Pointer to the list is NULL.", function);
+    return;
+  }
   for (TAaSysMbList* element = AaSysMbLocalSubscriptionFindNext(list, msgId); element != nullptr;
        element = AaSysMbLocalSubscriptionFindNext(element, msgId)) {
     if (subscriptionOf(element)->subscriber != subscriber) continue;
-    AaSysLogPrintE(kTrace, AASYSMB_FEATURE_ID, trace, subscriber, msgId);
+    AaSysLogPrintE(kTrace, AASYSMB_FEATURE_ID, "%s(): Removing subscription (subscriber 0x%x, msgId 0x%x)", function,
+                   subscriber, msgId);
     dropElement(element);
     return;
   }
@@ -154,23 +159,11 @@ void AaSysMbLocalSubscriptionBook(TAaSysMbList* list, uint32_t subscriber, uint3
 }
 
 void AaSysMbLocalSubscriptionDelete(TAaSysMbList* list, uint32_t subscriber, uint32_t msgId) {
-  if (list == nullptr) {
-    AaSysLogPrintE(EAaSysLogSeverityLevel_Info, AASYSMB_FEATURE_ID,
-                   "LocalSubscriptionDelete(): Pointer to the list is NULL.");
-    return;
-  }
-  removeSubscription(list, subscriber, msgId,
-                     "LocalSubscriptionDelete(): Removing subscription (subscriber 0x%x, msgId 0x%x)");
+  removeSubscription(list, subscriber, msgId, "LocalSubscriptionDelete");
 }
 
 void AaSysMbLocalSubscriptionRemove(TAaSysMbList* list, uint32_t subscriber, uint32_t msgId) {
-  if (list == nullptr) {
-    AaSysLogPrintE(EAaSysLogSeverityLevel_Info, AASYSMB_FEATURE_ID,
-                   "LocalSubscriptionRemove(): Pointer to the list is NULL.");
-    return;
-  }
-  removeSubscription(list, subscriber, msgId,
-                     "LocalSubscriptionRemove(): Removing subscription (subscriber 0x%x, msgId 0x%x)");
+  removeSubscription(list, subscriber, msgId, "LocalSubscriptionRemove");
 }
 
 TAaSysMbList* AaSysMbLocalSubscriptionFindNext(const TAaSysMbList* from, uint32_t msgId) {

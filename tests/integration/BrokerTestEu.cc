@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <unistd.h>
+
 #include "AaSysCom.h"
 #include "AaSysMb.h"
 #include "IAaSysDispatcher.h"
@@ -31,9 +33,11 @@ class Subscriber : public Olm::IAaSysDispatcherSicHandler {
     uint32_t value = 0;
     if (AaSysComMsgGetId(msg) == kNewsId && AaSysComMsgGetPayloadSize(msg) == sizeof(value)) {
       std::memcpy(&value, AaSysComMsgGetPayload(msg), sizeof(value));
-      std::printf("subscriber 0x%08x got %u from 0x%08x\n", AaSysComMsgGetReceiver(msg), value,
-                  AaSysComMsgGetSender(msg));
-      std::fflush(stdout);
+      // One write per line: a stdio buffer could be copied into a process the node forks meanwhile.
+      char line[64];
+      const int length = std::snprintf(line, sizeof(line), "subscriber 0x%08x got %u from 0x%08x\n",
+                                       AaSysComMsgGetReceiver(msg), value, AaSysComMsgGetSender(msg));
+      if (write(STDOUT_FILENO, line, static_cast<size_t>(length)) != length) return;
     }
   }
 

@@ -17,7 +17,7 @@ TEST(NodeBroker, APublicationReachesEarlyAndLateSubscribersFromThePublisher) {
   EXPECT_TRUE(node.waitForOutput("subscriber 0x10410703 got 42 from 0x0f010704")) << node.output();
   node.kill(SIGTERM);
   EXPECT_EQ(node.waitForExit(), 0);
-  EXPECT_EQ(node.countOutput("got 42"), 2u) << "one delivery each";
+  EXPECT_EQ(node.countOutput("got 42"), 2u) << "one delivery each\n" << node.output();
 }
 
 }  // namespace

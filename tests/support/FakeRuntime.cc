@@ -48,6 +48,16 @@ bool FakeRuntime::anySentTextContains(const std::string& text) const {
   return false;
 }
 
+void FakeRuntime::bindEu(Olm::IAaSysDispatcherSicHandler& eu, uint16_t cpid) {
+  EXPECT_EQ(m_eus.count(cpid), 0u) << "CPID 0x" << std::hex << cpid << " bound twice";
+  m_eus[cpid] = &eu;
+}
+
+Olm::IAaSysDispatcherSicHandler* FakeRuntime::boundEu(uint16_t cpid) const {
+  const auto found = m_eus.find(cpid);
+  return found != m_eus.end() ? found->second : nullptr;
+}
+
 unsigned int FakeRuntime::startTimer(Olm::LteTime expiry, Olm::LteTime period, void* msg) {
   const unsigned int id = kFirstTimerId + static_cast<unsigned int>(m_timers.size());
   m_timers.push_back(Timer{id, expiry, period, msg, true});

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,8 @@ class FakeRuntime : public Olm::IRuntime, public BufferPool {
   void vlogf(unsigned int count, const char* format, va_list args) override { m_log->vlogf(count, format, args); }
   void vlogfString(const char* format, va_list args) override { m_log->vlogfString(format, args); }
   uint16_t getOwnNid() const override { return m_ownNid; }
+  void bindEu(Olm::IAaSysDispatcherSicHandler& eu, uint16_t cpid) override;
+  Olm::IAaSysDispatcherSicHandler* boundEu(uint16_t cpid) const override;
 
   void setOwnNid(uint16_t nid) { m_ownNid = nid; }
   // What sendMessage answers from now on.
@@ -73,6 +76,7 @@ class FakeRuntime : public Olm::IRuntime, public BufferPool {
 
   std::vector<void*> m_sent;
   std::vector<Timer> m_timers;
+  std::map<uint16_t, Olm::IAaSysDispatcherSicHandler*> m_eus;
   Olm::ILog* m_log = &log;
   uint16_t m_ownNid = kOwnNid;
   bool m_sendResult = true;

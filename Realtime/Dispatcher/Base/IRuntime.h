@@ -15,6 +15,7 @@
 #include <cstdarg>
 #include <cstdint>
 
+#include "IAaSysDispatcherSicHandler.h"
 #include "LteTime.h"
 
 namespace Olm {
@@ -49,6 +50,11 @@ class IRuntime {
   void logfString(const char* format, ...);
 
   virtual uint16_t getOwnNid() const = 0;
+
+  // The EU registry, for the services that bring an EU of their own (the broker's proxy). Binding
+  // a CPID twice is a broken invariant of the caller; boundEu is null for a free CPID.
+  virtual void bindEu(IAaSysDispatcherSicHandler& eu, uint16_t cpid) = 0;
+  virtual IAaSysDispatcherSicHandler* boundEu(uint16_t cpid) const = 0;
 
   // The process's runtime, or null when there is none (services then log "Unable to get
   // Dispatcher instance" and fail softly).

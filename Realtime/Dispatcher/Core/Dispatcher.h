@@ -103,6 +103,8 @@ class Dispatcher final : public IAaSysDispatcher, public IRuntime {
 
   // Settings and collaborators.
   uint16_t getOwnNid() const override { return m_ownNid; }
+  void bindEu(IAaSysDispatcherSicHandler& eu, uint16_t cpid) override { AaSysDispatcherCpidBind(eu, cpid); }
+  IAaSysDispatcherSicHandler* boundEu(uint16_t cpid) const override { return getItsIEu(cpid); }
   void setOwnNid(uint16_t nid) { m_ownNid = nid; }
   uint16_t getCurrentCpid() const { return m_currentCpid; }
   bool getTiming() const { return m_timing; }

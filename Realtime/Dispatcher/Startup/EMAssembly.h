@@ -7,6 +7,7 @@
 #include "BaseAssembly.h"
 #include "Dispatcher.h"
 #include "EMMsgPort.h"
+#include "MsgFilterLog.h"
 #include "TrivialLog.h"
 
 namespace Olm {
@@ -23,6 +24,7 @@ class EMAssembly : public BaseAssembly {
 
   Dispatcher& getItsDispatcher() { return m_dispatcher; }
   EMMsgPort& getItsEMMsgPort() { return m_msgPort; }
+  MsgFilterLog& getItsMsgFilterLog() { return m_msgFilterLog; }
   TrivialLog& getItsTrivialLog() { return m_trivialLog; }
   AifTimeSource& getItsAifTimeSource() { return m_timeSource; }
 
@@ -38,16 +40,16 @@ class EMAssembly : public BaseAssembly {
     bool historyOn = true;
     unsigned long historyLogSize = 0;
     unsigned long msgFilterMode = 0;  // 0 disabled, 1 enabled, 2 message headers only
-    unsigned long msgFilterSize = 0;
-    const char* msgFilterIds = nullptr;
   };
 
   void parseCommandLine(int argc, char** argv);
   void applyOption(int option, char* value);
   void enterNodeDirectory() const;
+  void attachMsgFilterLog();
 
   Dispatcher m_dispatcher;
   EMMsgPort m_msgPort;
+  MsgFilterLog m_msgFilterLog;
   TrivialLog m_trivialLog;
   AifTimeSource m_timeSource;
   Settings m_settings;

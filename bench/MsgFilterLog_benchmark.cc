@@ -1,13 +1,18 @@
-// The message filter log on the Dispatcher's operation trace, which runs several times for every
-// message (Allocate, Send, Prioritize, Process, Destroy, ...): one Dispatcher::logMsgOperation per
-// iteration, in a node built as OLMLiteExe builds it.
+// The message filter log on the Dispatcher's operation trace, in a node built as OLMLiteExe builds
+// it. Two views, each side by side with the same path without the log:
 //
+// BM_FilterLog: one Dispatcher::logMsgOperation per iteration (the trace runs several times for
+// every message: Allocate, Send, Prioritize, Process, Destroy, ...).
 //   Off:           filter logging off: the Dispatcher's own test of its flag
 //   NoOpLog:       on, with a filter log that does nothing: the cost of the call itself
 //   NotListed:     on, MsgFilterLog in mode 2 with a list that lacks the message's id: the price
 //                  of a node that logs a few ids while other messages flow (target: close to NoOpLog)
 //   ListedHeader:  mode 2, the id listed: one header line per operation
 //   ListedDump:    mode 1, the id listed, "Send" of a 16-byte payload: header line and dump
+//
+// BM_FilterLogOnLocalPath: two EUs of the node pass one message back and forth (the same buffer,
+// AaSysComMsgForward), one dispatch per iteration, with filter logging Off, NoOpLog and NotListed
+// as above: what the log adds to a whole local message.
 #include <benchmark/benchmark.h>
 
 #include "AaSysCom.h"
@@ -39,6 +44,16 @@ Olm::MsgFilterLog& filterLog(uint32_t mode, const char* ids, const char* fileNam
   return *log;
 }
 
+Olm::IMsgFilterLog* noLog() { return nullptr; }
+Olm::IMsgFilterLog* noOpLog() {
+  static NoOpFilterLog log;
+  return &log;
+}
+Olm::IMsgFilterLog* notListedLog() {
+  static Olm::MsgFilterLog& log = filterLog(Olm::MsgFilterLog::ModeHeaderOnly, "0x0B02,0x0B03", "notlisted.log");
+  return &log;
+}
+
 void BM_FilterLog(benchmark::State& state, Olm::IMsgFilterLog* (*makeLog)()) {
   Olm::Dispatcher& dispatcher = node();
   Olm::IMsgFilterLog* log = makeLog();
@@ -51,15 +66,9 @@ void BM_FilterLog(benchmark::State& state, Olm::IMsgFilterLog* (*makeLog)()) {
   state.SetItemsProcessed(state.iterations());
 }
 
-BENCHMARK_CAPTURE(BM_FilterLog, Off, []() -> Olm::IMsgFilterLog* { return nullptr; });
-BENCHMARK_CAPTURE(BM_FilterLog, NoOpLog, []() -> Olm::IMsgFilterLog* {
-  static NoOpFilterLog log;
-  return &log;
-});
-BENCHMARK_CAPTURE(BM_FilterLog, NotListed, []() -> Olm::IMsgFilterLog* {
-  static Olm::MsgFilterLog& log = filterLog(Olm::MsgFilterLog::ModeHeaderOnly, "0x0B02,0x0B03", "notlisted.log");
-  return &log;
-});
+BENCHMARK_CAPTURE(BM_FilterLog, Off, noLog);
+BENCHMARK_CAPTURE(BM_FilterLog, NoOpLog, noOpLog);
+BENCHMARK_CAPTURE(BM_FilterLog, NotListed, notListedLog);
 BENCHMARK_CAPTURE(BM_FilterLog, ListedHeader, []() -> Olm::IMsgFilterLog* {
   static Olm::MsgFilterLog& log = filterLog(Olm::MsgFilterLog::ModeHeaderOnly, "0x0B01", "header.log");
   return &log;
@@ -68,5 +77,48 @@ BENCHMARK_CAPTURE(BM_FilterLog, ListedDump, []() -> Olm::IMsgFilterLog* {
   static Olm::MsgFilterLog& log = filterLog(Olm::MsgFilterLog::ModeHeaderAndDump, "0x0B01", "dump.log");
   return &log;
 });
+
+// Passes every message on to its peer until told to keep it (the runtime then frees it).
+class ForwardingEu : public Olm::IAaSysDispatcherSicHandler {
+ public:
+  explicit ForwardingEu(TAaSysComCpid peer) : m_peer(peer) {}
+  bool keep = false;
+  int PrioritizeMessage(void*&) override { return 3; }
+  void ProcessMessage(void*& msg) override {
+    if (!keep) AaSysComMsgForward(&msg, AaSysComSicadGet(m_peer, AaSysComGetOwnNid()));
+  }
+
+ private:
+  TAaSysComCpid m_peer;
+};
+
+constexpr TAaSysComCpid kPeerCpid = 0x0702;
+ForwardingEu first(kPeerCpid), second(kCpid);
+
+void BM_FilterLogOnLocalPath(benchmark::State& state, Olm::IMsgFilterLog* (*makeLog)()) {
+  Olm::Dispatcher& dispatcher = node();
+  static const bool bound = [&dispatcher] {
+    dispatcher.AaSysDispatcherCpidBind(first, kCpid);
+    dispatcher.AaSysDispatcherCpidBind(second, kPeerCpid);
+    return true;
+  }();
+  (void)bound;
+  Olm::IMsgFilterLog* log = makeLog();
+  dispatcher.setItsIMsgFilterLog(log);
+  dispatcher.setMsgFilterLogging(log != nullptr);
+  void* msg = AaSysComMsgCreate(kTracedMsgId, kPayloadSize, AaSysComSicadGet(kPeerCpid, AaSysComGetOwnNid()));
+  AaSysComMsgSetSender(msg, AaSysComSicadGet(kCpid, AaSysComGetOwnNid()));
+  AaSysComMsgSend(&msg);
+  for (auto _ : state) dispatcher.runIteration();
+  first.keep = second.keep = true;
+  dispatcher.runIteration();
+  first.keep = second.keep = false;
+  dispatcher.setMsgFilterLogging(false);
+  state.SetItemsProcessed(state.iterations());
+}
+
+BENCHMARK_CAPTURE(BM_FilterLogOnLocalPath, Off, noLog);
+BENCHMARK_CAPTURE(BM_FilterLogOnLocalPath, NoOpLog, noOpLog);
+BENCHMARK_CAPTURE(BM_FilterLogOnLocalPath, NotListed, notListedLog);
 
 }  // namespace

@@ -8,12 +8,12 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "FileTestUtil.h"
+#include "MsgFilterLogText.h"
 #include "NodeProcess.h"
 #include "TestNamespace.h"
 
@@ -25,11 +25,7 @@ using OlmTest::NodeProcess;
 constexpr unsigned kPingCpid = 0x0700;  // PingEu's
 constexpr unsigned kPingPayloadSize = 12;
 
-struct Entry {
-  std::string operation, id, target, sender, dumpHeader, payload;
-  unsigned length = 0;
-  bool dumped = false;
-};
+using Entry = OlmTest::MsgFilterEntry;
 
 std::string sicad(unsigned nid) {
   char text[9];
@@ -43,23 +39,12 @@ std::string fileName(unsigned nid) {
   return text;
 }
 
-// The complete entries of the text; the node writes while it is read, so the last may be cut.
+// The complete entries of the text. The node writes while it is read: what follows the last
+// complete entry is the start of one being written, and the entry before it may be that one's
+// header line without its dump yet.
 std::vector<Entry> parseEntries(const std::string& text) {
-  static const std::regex entry(
-      R"(\n\[op:(\w+)\]\[\d\d:\d\d:\d\d\.\d{6}\]\[\d{4},\d{4},\d\d,\d{5}\]\{Id:(\w{4}) Target:(\w{8}) Sender:(\w{8}) )"
-      R"(Flags:\w{4}\} \(\w+,len:(\d+)\)\n(START:\n(\w{32})\n([0-9a-f\n]*)\n:END\n)?)");
-  std::vector<Entry> entries;
   size_t end = 0;
-  for (std::sregex_iterator it(text.begin(), text.end(), entry), last; it != last; ++it) {
-    if (static_cast<size_t>(it->position()) != end) break;  // not an entry where one should start
-    const std::smatch& m = *it;
-    Entry e{m[1], m[2], m[3], m[4], m[7], std::regex_replace(m[8].str(), std::regex("\n"), ""),
-            static_cast<unsigned>(std::stoul(m[5])), m[6].matched};
-    entries.push_back(e);
-    end = static_cast<size_t>(it->position() + it->length());
-  }
-  // What follows the last complete entry is the start of one being written: less than an entry,
-  // and the entry before it may be that one's header line without its dump yet.
+  std::vector<Entry> entries = OlmTest::parseMsgFilterLog(text, &end);
   if (end != text.size() && !entries.empty()) entries.pop_back();
   EXPECT_LT(text.size() - end, 200u) << "not an entry at " << end << ": " << text.substr(end, 200);
   return entries;
@@ -111,11 +96,11 @@ TEST(NodeMsgFilterLog, OneIdSwitchedOnShowsExactlyThoseMessagesAndTheirBytes) {
     // The dump repeats the header: id, control, receiver, sender, flags, total length.
     EXPECT_EQ(e.dumpHeader.substr(0, 4) + e.dumpHeader.substr(8, 16), e.id + e.target + e.sender);
     EXPECT_EQ(std::stoul(e.dumpHeader.substr(28, 4), nullptr, 16), 16 + kPingPayloadSize);
-    EXPECT_EQ(e.length, kPingPayloadSize);
-    ASSERT_EQ(e.payload.size(), 2 * kPingPayloadSize);
+    EXPECT_EQ(e.payloadSize, kPingPayloadSize);
+    ASSERT_EQ(e.payloadHex.size(), 2 * kPingPayloadSize);
     if (e.operation == "Send") {
       EXPECT_EQ(e.target + e.sender, sicad(b) + sicad(a));
-      sentSequences.push_back(static_cast<unsigned>(std::stoul(e.payload.substr(0, 2), nullptr, 16)));
+      sentSequences.push_back(static_cast<unsigned>(std::stoul(e.payloadHex.substr(0, 2), nullptr, 16)));
     } else {
       EXPECT_EQ(e.target + e.sender, sicad(a) + sicad(b));
     }

@@ -12,9 +12,29 @@
 #include "AaSysTime.h"
 #include "MsgNameCatalogue.h"
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" void AnnotateIgnoreWritesBegin(const char* file, int line);
+extern "C" void AnnotateIgnoreWritesEnd(const char* file, int line);
+#endif
+
 namespace Olm {
 
 namespace {
+
+// The RAM file service thread reads the buffer while entries are written into it, without a lock
+// and on purpose (a reader may see the newest entry half written). The thread sanitizer is told
+// to leave these writes out of its race detection.
+class UnlockedBufferWrites {
+ public:
+#if defined(__SANITIZE_THREAD__)
+  UnlockedBufferWrites() { AnnotateIgnoreWritesBegin(__FILE__, __LINE__); }
+  ~UnlockedBufferWrites() { AnnotateIgnoreWritesEnd(__FILE__, __LINE__); }
+#else
+  UnlockedBufferWrites() = default;
+#endif
+  UnlockedBufferWrites(const UnlockedBufferWrites&) = delete;
+  UnlockedBufferWrites& operator=(const UnlockedBufferWrites&) = delete;
+};
 
 constexpr int kAnyBase = 0;  // "0x" hexadecimal, a leading "0" octal, else decimal
 constexpr size_t kIdTextSize = 32;
@@ -216,6 +236,7 @@ uint32_t MsgFilterLog::formatEntry(const char* operation, const void* msg, uint1
 }
 
 void MsgFilterLog::append(uint32_t length) {
+  [[maybe_unused]] const UnlockedBufferWrites unlocked;
   if (uint64_t{m_writeOffset} + length < m_size) {
     std::memcpy(m_buffer.get() + m_writeOffset, m_entryText.get(), length);
     m_writeOffset += length;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include "AaSysComMsgHeader.h"
 #include "BufferPool.h"
 #include "FakeTimeSource.h"
+#include "MsgFilterLogText.h"
 
 namespace {
 
@@ -20,12 +20,6 @@ using Olm::MsgFilterLog;
 constexpr const char kDispatcherFormat[] = "(%04x)->%s(%p)";
 constexpr uint32_t kReceiver = 0x10120700;
 constexpr uint32_t kSender = 0x10110700;
-
-// The wall clock of a header line, which a test cannot choose.
-std::string withoutWallClock(const std::string& text) {
-  static const std::regex wallClock(R"(\[\d\d:\d\d:\d\d\.\d{6}\])");
-  return std::regex_replace(text, wallClock, "[hh:mm:ss.uuuuuu]");
-}
 
 std::vector<uint32_t> filterIds(const MsgFilterLog& log) {
   std::vector<uint32_t> ids;
@@ -41,12 +35,18 @@ std::vector<uint32_t> parsedIds(const char* text) {
 
 // "Send* Output ...": the operations of the entries, a star for those with a dump.
 std::string operationsAndDumps(const std::string& text) {
-  static const std::regex entry(R"(\n\[op:(\w+)\][^\n]*\n(START:\n)?)");
   std::string summary;
-  for (std::sregex_iterator it(text.begin(), text.end(), entry), end; it != end; ++it) {
-    summary += (*it)[1].str() + ((*it)[2].matched ? "* " : " ");
+  for (const OlmTest::MsgFilterEntry& entry : OlmTest::parseMsgFilterLog(text)) {
+    summary += entry.operation + (entry.dumped ? "* " : " ");
   }
   return summary;
+}
+
+// "26b8 26b9 ": the message ids of the entries.
+std::string ids(const std::string& text) {
+  std::string list;
+  for (const OlmTest::MsgFilterEntry& entry : OlmTest::parseMsgFilterLog(text)) list += entry.id + " ";
+  return list;
 }
 
 const CRamFs* registeredFile(const char* name) {
@@ -102,7 +102,9 @@ class MsgFilterLogTest : public ::testing::Test {
     return msg;
   }
   void trace(const char* operation, void* msg) { log.logfMessage(3, kDispatcherFormat, 0x0700, operation, msg); }
-  std::string text() const { return withoutWallClock(std::string(log.getBuffer(), strnlen(log.getBuffer(), log.getSize()))); }
+  std::string text() const {
+    return OlmTest::maskWallClocks(std::string(log.getBuffer(), strnlen(log.getBuffer(), log.getSize())));
+  }
 
   OlmTest::FakeTimeSource time;
   OlmTest::BufferPool pool;
@@ -183,13 +185,12 @@ TEST_F(MsgFilterLogTest, OnlyOperationsStartingWithIOrSAreDumpedAndOnlyInModeOne
 TEST_F(MsgFilterLogTest, TheListChoosesTheMessagesAndAnEmptyListTakesThemAll) {
   start(MsgFilterLog::ModeHeaderOnly, "0x26B8,0x26B9");
   for (uint16_t id : {0x26B7, 0x26B8, 0x26BA, 0x26B9, 0x36B8}) trace("Send", message(id));
-  EXPECT_EQ(std::regex_replace(text(), std::regex(R"(\n\[op.*\{Id:(\w+) .*\n)"), "$1 "), "26b8 26b9 ");
+  EXPECT_EQ(ids(text()), "26b8 26b9 ");
 
   MsgFilterLog all;
   all.initMsgFilterLog("all_MsgFilterLog.log");
   for (uint16_t id : {0x26B7, 0x26B8}) all.logfMessage(3, kDispatcherFormat, 0x0700, "Send", message(id));
-  EXPECT_EQ(std::regex_replace(std::string(all.getBuffer()), std::regex(R"(\n\[op.*\{Id:(\w+) .*\n)"), "$1 "),
-            "26b7 26b8 ");
+  EXPECT_EQ(ids(all.getBuffer()), "26b7 26b8 ");
 }
 
 TEST_F(MsgFilterLogTest, ArgumentsBeforeTheOperationAreReadWithTheirOwnTypes) {
@@ -197,8 +198,9 @@ TEST_F(MsgFilterLogTest, ArgumentsBeforeTheOperationAreReadWithTheirOwnTypes) {
   log.logfMessage(4, "%llu %.1f %s", 1ULL << 40, 0.5, "Process", message(0x0A01));
   log.logfMessage(3, "%p %p", static_cast<void*>(&log), "Send", message(0x0A02));  // not %s: not a name
   log.logfMessage(2, "(%04x)", 0x0700, message(0x0A03));
-  EXPECT_EQ(std::regex_replace(text(), std::regex(R"(\n\[op:(.*?)\]\[.*\{Id:(\w+) .*\n)"), "$1=$2;"),
-            "Process=0a01;%p %p=0a02;(%04x)=0a03;");
+  std::string named;
+  for (const OlmTest::MsgFilterEntry& entry : OlmTest::parseMsgFilterLog(text())) named += entry.operation + "=" + entry.id + ";";
+  EXPECT_EQ(named, "Process=0a01;%p %p=0a02;(%04x)=0a03;");
 }
 
 TEST_F(MsgFilterLogTest, AnEntryThatDoesNotFitZeroesTheBufferAndStartsItAgain) {

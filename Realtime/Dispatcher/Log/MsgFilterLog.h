@@ -100,10 +100,8 @@ class MsgFilterLog : public IMsgFilterLog {
   const char* getBuffer() const { return m_buffer.get(); }
   uint32_t getSize() const { return m_size; }
   uint32_t getWriteOffset() const { return m_writeOffset; }
-  uint32_t getMode() const { return m_mode; }
   unsigned getFilterCount() const { return m_filterCount; }
   uint32_t getFilterId(unsigned index) const { return m_filterIds[index]; }
-  const LteTime& getLastTime() const { return m_lastTime; }
 
  private:
   // The argument types of the last format seen. The Dispatcher passes the same literal on every

@@ -189,7 +189,8 @@ void EMAssembly::applyOption(int option, char* value) {
       break;
     case OptMsgFilSize:
       // A size beyond 32 bits asks for the most there is, not for what its low bits say.
-      m_msgFilterLog.setMsgFilterLogSize(static_cast<unsigned>(std::min<unsigned long>(parseNumber(value), UINT32_MAX)));
+      m_msgFilterLog.setMsgFilterLogSize(
+          static_cast<unsigned>(std::min<unsigned long>(parseNumber(value), UINT32_MAX)));
       break;
     case OptMsgFilIds:
       m_msgFilterLog.setMsgFilterIds(value);

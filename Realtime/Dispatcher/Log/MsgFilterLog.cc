@@ -126,7 +126,7 @@ void MsgFilterLog::setMsgFilterIds(const char* text) {
     const char* end = comma != nullptr ? comma : piece + std::strlen(piece);
     const uint32_t id = parseId(piece, end);
     // A repeat would only take the slot of another id.
-    if (id != 0 && !isFiltered(static_cast<uint16_t>(id))) m_filterIds[m_filterCount++] = id;
+    if (id != 0 && !isListed(static_cast<uint16_t>(id))) m_filterIds[m_filterCount++] = id;
     if (comma == nullptr) break;
     piece = comma + 1;
   }
@@ -173,7 +173,7 @@ void MsgFilterLog::learnShape(unsigned count, const char* format) {
   m_shape.operationIsText = lastIsText;
 }
 
-bool MsgFilterLog::isFiltered(uint16_t msgId) const {
+bool MsgFilterLog::isListed(uint16_t msgId) const {
   for (unsigned i = m_filterCount; i-- > 0;) {
     if (m_filterIds[i] == msgId) return true;
   }
@@ -201,7 +201,7 @@ void MsgFilterLog::vlogfMessage(unsigned int count, const char* format, va_list 
   va_end(rest);
   if (msg == nullptr || m_buffer == nullptr) return;
   const SAaSysComMsgHeader* header = msgHeader(msg);
-  if (m_filterCount != 0 && !isFiltered(header->msgId)) return;
+  if (m_filterCount != 0 && !isListed(header->msgId)) return;
 
   const uint16_t payloadSize = AaSysComMsgGetPayloadSize(msg);
   // A total length too short for its envelope wraps the payload size past the limit; the second

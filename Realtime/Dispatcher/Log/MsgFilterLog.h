@@ -114,7 +114,7 @@ class MsgFilterLog : public IMsgFilterLog {
   };
 
   void learnShape(unsigned count, const char* format);
-  bool isFiltered(uint16_t msgId) const;
+  bool isListed(uint16_t msgId) const;
   uint32_t formatEntry(const char* operation, const void* msg, uint16_t payloadSize);
   void append(uint32_t length);
 

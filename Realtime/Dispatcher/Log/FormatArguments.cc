@@ -90,11 +90,13 @@ bool FormatArguments::next(FormatArgument& argument) {
   if (m_pendingStars > 0) {
     --m_pendingStars;
     argument = FormatArgument::Int;
+    m_lastConversion = '*';
     return true;
   }
   if (m_conversionPending) {
     m_conversionPending = false;
     argument = m_pendingConversion;
+    m_lastConversion = m_pendingLetter;
     return true;
   }
   while (m_next != nullptr && *m_next != '\0') {
@@ -113,12 +115,14 @@ bool FormatArguments::next(FormatArgument& argument) {
       m_pendingStars = 0;
       return false;
     }
-    ++m_next;
+    m_pendingLetter = *m_next++;
     m_conversionPending = true;
     return next(argument);
   }
   return false;
 }
+
+void takeFormatArgument(FormatArgument argument, va_list* args) { takeArgument(argument, args); }
 
 void skipFormatArguments(const char* format, unsigned count, va_list* args) {
   FormatArguments arguments(format);

@@ -32,6 +32,9 @@ class FormatArguments {
   explicit FormatArguments(const char* format) : m_next(format) {}
   // The type of the next argument the format reads; false when it reads no more.
   bool next(FormatArgument& argument);
+  // The conversion letter of the argument next() gave last ('s', 'p', 'x', ...; '*' for a width or
+  // precision); '\0' before the first.
+  char conversion() const { return m_lastConversion; }
 
   // After next(): true when the argument it gave is a conversion's own value, not a '*' width or
   // precision of it.
@@ -45,7 +48,12 @@ class FormatArguments {
   unsigned m_pendingStars = 0;  // '*' widths and precisions of the conversion being read
   FormatArgument m_pendingConversion = FormatArgument::Int;
   bool m_conversionPending = false;
+  char m_pendingLetter = '\0';
+  char m_lastConversion = '\0';
 };
+
+// Takes one argument of the given type off args.
+void takeFormatArgument(FormatArgument argument, va_list* args);
 
 // Takes count arguments off args, each as the type the format says. Arguments beyond the format's
 // conversions (a caller that passed more than its format reads) are taken as machine words.

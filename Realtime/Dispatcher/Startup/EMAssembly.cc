@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
@@ -115,6 +117,8 @@ EMAssembly::EMAssembly() {
   m_dispatcher.setItsIMsgPort(&m_msgPort);
   m_dispatcher.setItsILog(&m_trivialLog);
   m_historyLog.setItsITimeSource(&m_timeSource);
+  m_dispatcher.setItsIMsgFilterLog(&m_msgFilterLog);
+  m_msgFilterLog.setItsITimeSource(&m_timeSource);
   m_trivialLog.setItsITimeSource(&m_timeSource);
 }
 
@@ -181,12 +185,15 @@ void EMAssembly::applyOption(int option, char* value) {
     case OptMsgFilEnabled:
       m_settings.msgFilterMode = parseNumber(value);
       m_dispatcher.setMsgFilterLogging(m_settings.msgFilterMode != 0);
+      m_msgFilterLog.setMode(static_cast<uint32_t>(m_settings.msgFilterMode));
       break;
     case OptMsgFilSize:
-      m_settings.msgFilterSize = parseNumber(value);
+      // A size beyond 32 bits asks for the most there is, not for what its low bits say.
+      m_msgFilterLog.setMsgFilterLogSize(
+          static_cast<unsigned>(std::min<unsigned long>(parseNumber(value), UINT32_MAX)));
       break;
     case OptMsgFilIds:
-      m_settings.msgFilterIds = value;
+      m_msgFilterLog.setMsgFilterIds(value);
       break;
     default:  // rt_mask, corefile, outputtrbl, debugfile, capture: accepted and ignored
       break;
@@ -219,6 +226,15 @@ void EMAssembly::attachHistoryLog() {
   if (m_settings.historyOn) m_dispatcher.setItsILog(&m_historyLog);
 }
 
+// "<node id in hex>_MsgFilterLog.log": the whole node id, as in the node's directory name.
+void EMAssembly::attachMsgFilterLog() {
+  char name[kPathSize];
+  std::snprintf(name, sizeof(name), "%lx_MsgFilterLog.log", m_settings.nid);
+  m_msgFilterLog.initMsgFilterLog(name);
+  m_msgFilterLog.setItsITimeSource(&m_timeSource);
+  m_dispatcher.setItsIMsgFilterLog(&m_msgFilterLog);
+}
+
 int EMAssembly::Initialize(int argc, char** argv) {
   installAllocationTraceSignals();
   parseCommandLine(argc, argv);
@@ -228,6 +244,7 @@ int EMAssembly::Initialize(int argc, char** argv) {
   }
   m_dispatcher.initStatsLog();
   attachHistoryLog();
+  if (m_dispatcher.getMsgFilterLogging()) attachMsgFilterLog();
   const int portResult = m_msgPort.initialize(m_dispatcher.getOwnNid(), static_cast<unsigned>(m_settings.cpu),
                                               m_settings.masterNid);
   if (portResult < 0) {

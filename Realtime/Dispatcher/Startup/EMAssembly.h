@@ -8,6 +8,7 @@
 #include "Dispatcher.h"
 #include "EMMsgPort.h"
 #include "HistoryLog.h"
+#include "MsgFilterLog.h"
 #include "TrivialLog.h"
 
 namespace Olm {
@@ -25,6 +26,7 @@ class EMAssembly : public BaseAssembly {
   Dispatcher& getItsDispatcher() { return m_dispatcher; }
   EMMsgPort& getItsEMMsgPort() { return m_msgPort; }
   HistoryLog& getItsHistoryLog() { return m_historyLog; }
+  MsgFilterLog& getItsMsgFilterLog() { return m_msgFilterLog; }
   TrivialLog& getItsTrivialLog() { return m_trivialLog; }
   AifTimeSource& getItsAifTimeSource() { return m_timeSource; }
 
@@ -39,18 +41,18 @@ class EMAssembly : public BaseAssembly {
     unsigned long cpu = 0;
     bool historyOn = true;
     unsigned long msgFilterMode = 0;  // 0 disabled, 1 enabled, 2 message headers only
-    unsigned long msgFilterSize = 0;
-    const char* msgFilterIds = nullptr;
   };
 
   void parseCommandLine(int argc, char** argv);
   void applyOption(int option, char* value);
   void enterNodeDirectory() const;
   void attachHistoryLog();
+  void attachMsgFilterLog();
 
   Dispatcher m_dispatcher;
   EMMsgPort m_msgPort;
   HistoryLog m_historyLog;
+  MsgFilterLog m_msgFilterLog;
   TrivialLog m_trivialLog;
   AifTimeSource m_timeSource;
   Settings m_settings;

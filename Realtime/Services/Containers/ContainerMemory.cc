@@ -1,24 +1,17 @@
 #include "ContainerMemory.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <new>
 
-#include "AaSysLog.h"
+#include "ServiceErrorLog.h"
 
 namespace Olm {
 
-namespace {
-constexpr size_t kLogTextSize = 160;
-}  // namespace
-
 void logArgumentError(const char* function, const char* format, ...) {
-  char text[kLogTextSize];
   va_list args;
   va_start(args, format);
-  std::vsnprintf(text, sizeof(text), format, args);
+  vlogServiceError(function, "(): ", format, args);
   va_end(args);
-  AaSysLogPrintE(EAaSysLogSeverityLevel_Error, AASYSLOG_FEATURE_NONE, "%s(): %s", function, text);
 }
 
 bool isNonNull(const void* pointer, const char* name, const char* function) {

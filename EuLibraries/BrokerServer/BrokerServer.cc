@@ -167,9 +167,14 @@ BrokerServer::~BrokerServer() {
   AaSysMbLocalListFree(m_subscriptions);
 }
 
-void BrokerServer::askToAnnounce(const std::vector<uint16_t>& liveNodes) {
+void BrokerServer::start(const std::vector<uint16_t>& liveNodes) {
+  // The proxy of this node started with it, and its announcement, sent before the server was
+  // bound, found nobody.
+  const TAaSysComNid ownNid = AaSysComGetOwnNid();
+  m_knownNodes[ownNid] = true;
+  report("serving the system zone on node 0x%04x", ownNid);
   for (const uint16_t nid : liveNodes) {
-    if (nid == AaSysComGetOwnNid() || !isRoutable(proxyOf(nid))) continue;
+    if (nid == ownNid || !isRoutable(proxyOf(nid))) continue;
     sendToProxy(SYSMB_RESET_REQ_MSG, nid, commandFor(0, 0, proxyOf(nid), 0));
   }
 }

@@ -21,9 +21,9 @@ class BrokerServer final : public Olm::IAaSysDispatcherSicHandler {
   BrokerServer(const BrokerServer&) = delete;
   BrokerServer& operator=(const BrokerServer&) = delete;
 
-  // Asks the proxy of every node in liveNodes but this one to announce itself again
-  // (SYSMB_RESET_REQ_MSG): a server that starts after the nodes learns of them this way.
-  void askToAnnounce(const std::vector<uint16_t>& liveNodes);
+  // Counts this node as known and asks the proxy of every other node in liveNodes to announce
+  // itself again (SYSMB_RESET_REQ_MSG): a server that starts after the nodes learns of them so.
+  void start(const std::vector<uint16_t>& liveNodes);
 
   int PrioritizeMessage(void*& msg) override;
   // Handles one message of any content and destroys it, leaving the reference cleared.

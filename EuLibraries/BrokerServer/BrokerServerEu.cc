@@ -16,5 +16,5 @@ extern "C" void EuMain(Olm::IAaSysDispatcher* dispatcher) {
   dispatcher->AaSysDispatcherCpidBind(server, AASYSMB_SERVER_CPID);
   // Proxies announce themselves once, at their start; those that started before the server are
   // asked again.
-  server.askToAnnounce(liveNodes());
+  server.start(liveNodes());
 }

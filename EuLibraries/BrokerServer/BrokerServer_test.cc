@@ -238,9 +238,11 @@ TEST_F(BrokerServerTest, ANodeThatAnnouncesItselfIsAcknowledgedAndItsEarlierReco
   EXPECT_EQ(nodesSent(AASYSMB_SND_CMD_MSG), Nodes{kNodeB});
 }
 
-TEST_F(BrokerServerTest, LiveNodesButItsOwnAreAskedToAnnounceThemselves) {
-  server.askToAnnounce({kNodeA, OlmTest::kOwnNid, kNodeC});
+TEST_F(BrokerServerTest, AtStartLiveNodesButItsOwnAreAskedToAnnounceThemselves) {
+  server.start({kNodeA, OlmTest::kOwnNid, kNodeC});
   EXPECT_EQ(nodesSent(SYSMB_RESET_REQ_MSG), (Nodes{kNodeA, kNodeC}));
+  EXPECT_TRUE(server.knows(OlmTest::kOwnNid));
+  EXPECT_FALSE(server.knows(kNodeA)) << "until it answers";
 }
 
 TEST_F(BrokerServerTest, FlushesAreKeptAndRelayedToTheNodeInTheSystemZone) {

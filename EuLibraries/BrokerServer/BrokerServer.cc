@@ -14,6 +14,7 @@
 #include "AaSysLog.h"
 #include "AaSysMbBackwardCompatibility.h"
 #include "AaSysMbCommand.h"
+#include "AaSysTime.h"
 
 namespace {
 
@@ -24,6 +25,10 @@ constexpr uint32_t kHostApf = 1;
 constexpr uint32_t kTwoByteAlignedApf = 1;  // APFs above this are 2-byte aligned content
 constexpr uint32_t kApfMask = 0xFFu << AASYSMB_APF_SHIFT;
 constexpr size_t kLineBytes = 160;
+// The server's own timer message: the nodes asked at start have had time to answer.
+constexpr uint32_t kAnswersDueMsgId = 0x0BFF;
+// Far longer than a live node takes to answer (one loop iteration), far shorter than a restart.
+constexpr uint32_t kAnswersDueUs = 1000000;
 
 // Addresses a command can name: a real node, never an alias or a broadcast.
 bool isRoutable(uint32_t address) {
@@ -160,7 +165,10 @@ void addOnce(std::vector<uint16_t>& nodes, uint16_t nid) {
 }  // namespace
 
 BrokerServer::BrokerServer()
-    : m_publications(AaSysMbLocalListCreate()), m_subscriptions(AaSysMbLocalListCreate()), m_knownNodes(kNodeIds) {}
+    : m_publications(AaSysMbLocalListCreate()),
+      m_subscriptions(AaSysMbLocalListCreate()),
+      m_knownNodes(kNodeIds),
+      m_asked(kNodeIds) {}
 
 BrokerServer::~BrokerServer() {
   AaSysMbLocalListFree(m_publications);
@@ -173,10 +181,19 @@ void BrokerServer::start(const std::vector<uint16_t>& liveNodes) {
   const TAaSysComNid ownNid = AaSysComGetOwnNid();
   m_knownNodes[ownNid] = true;
   report("serving the system zone on node 0x%04x", ownNid);
+  bool asked = false;
   for (const uint16_t nid : liveNodes) {
     if (nid == ownNid || !isRoutable(proxyOf(nid))) continue;
+    m_asked[nid] = true;
+    asked = true;
     sendToProxy(SYSMB_RESET_REQ_MSG, nid, commandFor(0, 0, proxyOf(nid), 0));
   }
+  if (!asked) return;
+  void* due = AaSysComMsgCreate(kAnswersDueMsgId, 0, ownAddress());
+  if (due == nullptr) return;
+  AaSysComMsgSetSender(due, ownAddress());
+  TAaSysTimerId timer = 0;
+  AaSysTimermCreate(&timer, kAnswersDueUs, 0, due);
 }
 
 bool BrokerServer::knows(uint16_t nid) const { return m_knownNodes[nid]; }
@@ -185,7 +202,11 @@ int BrokerServer::PrioritizeMessage(void*&) { return kServerPriority; }
 
 void BrokerServer::ProcessMessage(void*& msg) {
   if (msg == nullptr) return;
-  handle(msg);
+  if (AaSysComMsgGetId(msg) == kAnswersDueMsgId && AaSysComMsgGetSender(msg) == ownAddress()) {
+    std::fill(m_asked.begin(), m_asked.end(), false);
+  } else {
+    handle(msg);
+  }
   AaSysComMsgDestroy(&msg);
 }
 
@@ -407,9 +428,15 @@ void BrokerServer::handleProxyDelete(const SAaSysMbCmdHeader& header) {
 
 void BrokerServer::handleResetIndication(const SAaSysMbCmdHeader& header) {
   const uint16_t nid = nodeOf(header.address);
-  forgetNode(nid);
   m_knownNodes[nid] = true;
-  report("node 0x%04x announced itself; what it published and subscribed before is forgotten", nid);
+  if (m_asked[nid]) {
+    // An answer to the server's request, or the announcement of a node that was starting as the
+    // server asked, followed by the answer: either way nothing the node sent is stale.
+    report("node 0x%04x announced itself", nid);
+  } else {
+    forgetNode(nid);
+    report("node 0x%04x announced itself; what it published and subscribed before is forgotten", nid);
+  }
   sendToProxy(SYSMB_RESET_ACK_MSG, nid, commandFor(0, 0, proxyOf(nid), 0));
 }
 

@@ -23,6 +23,7 @@ class BrokerServer final : public Olm::IAaSysDispatcherSicHandler {
 
   // Counts this node as known and asks the proxy of every other node in liveNodes to announce
   // itself again (SYSMB_RESET_REQ_MSG): a server that starts after the nodes learns of them so.
+  // Their announcements forget nothing until a timer of the server's says the answers are due.
   void start(const std::vector<uint16_t>& liveNodes);
 
   int PrioritizeMessage(void*& msg) override;
@@ -60,4 +61,5 @@ class BrokerServer final : public Olm::IAaSysDispatcherSicHandler {
   TAaSysMbList* m_publications;
   TAaSysMbList* m_subscriptions;
   std::vector<bool> m_knownNodes;
+  std::vector<bool> m_asked;  // asked at start, answers not yet due
 };

@@ -243,6 +243,20 @@ TEST_F(BrokerServerTest, AtStartLiveNodesButItsOwnAreAskedToAnnounceThemselves) 
   EXPECT_EQ(nodesSent(SYSMB_RESET_REQ_MSG), (Nodes{kNodeA, kNodeC}));
   EXPECT_TRUE(server.knows(OlmTest::kOwnNid));
   EXPECT_FALSE(server.knows(kNodeA)) << "until it answers";
+  ASSERT_EQ(runtime.timers().size(), 1u);
+
+  // A node starting as the server asked announces itself twice, with commands in between: these
+  // stay until the answers are due.
+  announce(kNodeA);
+  subscribe(kSubscriberA, EAaSysMbSubsMode_StoredAndKeep);
+  announce(kNodeA);
+  EXPECT_TRUE(server.knows(kNodeA));
+  EXPECT_EQ(count(server.subscriptions()), 1u);
+
+  void* due = AaSysComMsgCreateCopy(runtime.timers()[0].msg);
+  deliver(due);
+  announce(kNodeA);
+  EXPECT_EQ(count(server.subscriptions()), 0u) << "after that, an announcement is a restart";
 }
 
 TEST_F(BrokerServerTest, FlushesAreKeptAndRelayedToTheNodeInTheSystemZone) {

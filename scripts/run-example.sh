@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Builds the runtime and starts a small system on this host: two nodes, 0x1011 and 0x1012, each
-# running the example PingEu library, and their group's system log collector, node 0x101D. Each
-# ping node pings the other every second and prints what it gets, stamped with the LTE time; the
-# collector prints the nodes' system log lines. Ctrl-C stops them all.
+# Builds the runtime and starts a small system on this host: the master node 0x10F0 with the
+# broker server, two nodes, 0x1011 and 0x1012, each running the example PingEu and NewsEu
+# libraries, and their group's system log collector, node 0x101D. Each ping node pings the other
+# every second and prints what it gets, stamped with the LTE time; every two seconds each publishes
+# its news in the system zone and prints the news it receives, its own and the other node's,
+# through the broker server; the collector prints the nodes' system log lines. Ctrl-C stops them
+# all.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup-debian.sh"
@@ -11,6 +14,9 @@ build_dir="$root/build/native"
 
 exe="$build_dir/Realtime/Executable/OLMLiteExe"
 eu="$build_dir/examples/PingEu/libPingEu.so"
+news_eu="$build_dir/examples/NewsEu/libNewsEu.so"
+server_eu="$build_dir/EuLibraries/BrokerServer/libBrokerServer.so"
+master=0x10F0
 log_eu="$build_dir/examples/SysLogPrinterEu/libSysLogPrinterEu.so"
 pids=()
 stop() {
@@ -23,12 +29,25 @@ trap stop INT TERM EXIT
 
 start_node() {
   local nid=$1 peer=$2
-  OLM_PING_PEER=$peer "$exe" --nid "$nid" --wait 1000 --load-local "$eu" > >(sed -u "s/^/$nid | /") 2>&1 &
+  OLM_PING_PEER=$peer "$exe" --nid "$nid" --masternid $master --wait 1000 --load-local "$eu" --load-local "$news_eu" \
+    > >(sed -u "s/^/$nid | /") 2>&1 &
   pids+=($!)
 }
-"$exe" --nid 0x101D --wait 1000 --load-local "$log_eu" > >(sed -u "s/^/0x101D | /") 2>&1 &
+# The master first: proxies announce themselves to the broker server at their start, and the
+# nodes subscribe to the news as they start.
+master_log=$(mktemp)
+OLM_BROKER_SERVER_VERBOSE=${OLM_BROKER_SERVER_VERBOSE:-0} "$exe" --nid $master --masternid $master --wait 1000 \
+  --load-local "$server_eu" > >(tee "$master_log" | sed -u "s/^/$master | /") 2>&1 &
+pids+=($!)
+for _ in $(seq 100); do
+  grep -q "serving the system zone" "$master_log" && break
+  sleep 0.1
+done
+rm -f "$master_log"
+"$exe" --nid 0x101D --masternid $master --wait 1000 --load-local "$log_eu" > >(sed -u "s/^/0x101D | /") 2>&1 &
 pids+=($!)
 start_node 0x1011 0x1012
 start_node 0x1012 0x1011
-echo "Nodes 0x1011 and 0x1012 ping each other; 0x101D collects their system log. Ctrl-C stops them."
+echo "Nodes 0x1011 and 0x1012 ping each other and exchange news through the broker server on 0x10F0;"
+echo "0x101D collects their system log. Ctrl-C stops them."
 wait

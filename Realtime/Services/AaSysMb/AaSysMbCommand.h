@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "AaCpuBit.h"
 #include "AaSysCom.h"
 #include "AaSysMb.h"
 
@@ -37,3 +38,13 @@ inline bool isHeaderOnlyCommand(uint32_t msgId) {
 }
 
 inline TAaSysComSicad serverAddress() { return AaSysComSicadGet(AASYSMB_SERVER_CPID, AASYSMB_SERVER_NID); }
+
+// Brings a header written in the other byte order into this node's: the five leading words, the
+// 16-bit id and size, and the APF word.
+inline void swapCommandHeader(SAaSysMbCmdHeader& header) {
+  constexpr uint32_t kLeadingHeaderWords = 5;
+  AaCpuBitSwapMultiByteOrder32(&header.marker, kLeadingHeaderWords);
+  AaCpuBitSwapByteOrder16(&header.msgId);
+  AaCpuBitSwapByteOrder16(&header.size);
+  AaCpuBitSwapByteOrder32(&header.apfWord);
+}

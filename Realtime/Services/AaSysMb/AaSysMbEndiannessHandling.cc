@@ -8,16 +8,8 @@ OLM_ASSERT_SOURCE("Realtime/Services/AaSysMb/AaSysMbEndiannessHandling")
 
 namespace {
 
-constexpr uint32_t kLeadingHeaderWords = 5;
 constexpr uint32_t kTwoByteAlignedApf = 1;  // APFs above this are 2-byte aligned content
 constexpr uint32_t kHostApf = 1;
-
-void swapHeader(SAaSysMbCmdHeader& header) {
-  AaCpuBitSwapMultiByteOrder32(&header.marker, kLeadingHeaderWords);
-  AaCpuBitSwapByteOrder16(&header.msgId);
-  AaCpuBitSwapByteOrder16(&header.size);
-  AaCpuBitSwapByteOrder32(&header.apfWord);
-}
 
 }  // namespace
 
@@ -30,7 +22,7 @@ void HandleMessageEndianness(void* msg) {
   SAaSysMbCmdHeader* msgPayload = commandHeaderOf(msg);
   OLM_ASSERT_TEXT(msgPayload != nullptr, "msgPayload != GLO_NULL");
   if (AaSysComIsHostAndMsgEndianSame(msg) == 0) {
-    swapHeader(*msgPayload);
+    swapCommandHeader(*msgPayload);
     if (apf > kTwoByteAlignedApf) return;
     // A current publication's payload is size + 4 bytes after the header: size / 4 words fit.
     if (carriesPublication(msgId)) {

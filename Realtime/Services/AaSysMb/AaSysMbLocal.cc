@@ -14,6 +14,7 @@ namespace {
 
 constexpr const char kSourceName[] = "Realtime/Services/AaSysMb/AaSysMbLocal";
 constexpr int kProxyPriority = 3;
+constexpr uint32_t kHighestApf = 3;
 constexpr EAaSysLogSeverityLevel kTrace = EAaSysLogSeverityLevel_Debug;
 constexpr EAaSysLogSeverityLevel kFailure = EAaSysLogSeverityLevel_Error;
 
@@ -293,6 +294,16 @@ void handleFlush(const void* msg) {
 
 // A stored publication for the subscriber's node: straight to the subscriber on a direct
 // delivery, else as a forward command to the proxy there.
+// The receiving proxy reads the byte order of a command's header from its SysCom APF, and this
+// header is in host order. Content stored from a peer of the other byte order may be big-endian
+// 2-byte aligned (APF 2): the command then says little-endian 2-byte aligned (APF 3), so the
+// receiver swaps neither header nor content, and the header's APF byte still hands on 2.
+uint32_t forwardCommandApfWord(uint32_t storedApfWord) {
+  const uint32_t contentApf = storedApfWord >> AASYSMB_APF_SHIFT;
+  if (contentApf > kHighestApf) return storedApfWord;  // SetMessageApf warns and leaves it
+  return (contentApf | AASYSCOM_APF_LITTLE_ENDIAN_BIT) << AASYSMB_APF_SHIFT;
+}
+
 void sendStoredToRemoteSubscriber(const SAaSysMbCmdHeader& command, const SAaSysMbLocalPublication& stored) {
   if (command.mode == AASYSMB_MODE_DIRECT_DELIVERY) {
     AaSysLogPrintE(kTrace, AASYSMB_FEATURE_ID,
@@ -323,7 +334,7 @@ void sendStoredToRemoteSubscriber(const SAaSysMbCmdHeader& command, const SAaSys
   // The content's APF only: flags of the command that stored it do not travel on.
   header->apfWord = stored.apfWord & ~((1u << AASYSMB_APF_SHIFT) - 1);
   std::memcpy(header + 1, stored.payload(), stored.size);
-  SetMessageApf(msg, stored.apfWord);
+  SetMessageApf(msg, forwardCommandApfWord(stored.apfWord));
   AaSysComMsgSendS(&msg, ownProxyAddress());
 }
 

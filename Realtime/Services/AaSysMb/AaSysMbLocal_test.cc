@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "AaCpuBit.h"
+#include "AaSysMbCommand.h"
 #include "AaSysMbTestNode.h"
 
 namespace {
@@ -204,6 +205,13 @@ TEST_F(AaSysMbLocalTest, ACommandOfABigEndianPeer) {
   EXPECT_EQ(AaSysComMsgGetApf(sentMessages(kNews).back().msg), 2u);
   subscribe(OlmTest::kSubscriberB, EAaSysMbSubsMode_StoredOnly);
   EXPECT_EQ(receivedBy(OlmTest::kSubscriberB), Values{content}) << "stored under the converted header";
+
+  // Handed on to another node, the header is in this host's order and the content still APF 2.
+  sendCommand(EAaSysMbSubsMode_KeepOnly, kRemoteSubscriber);
+  const auto forwards = sentMessages(AASYSMB_FWD_CMD_MSG);
+  ASSERT_EQ(forwards.size(), 1u);
+  EXPECT_EQ(AaSysComMsgGetApf(forwards[0].msg), 3u);
+  EXPECT_EQ(commandHeaderOf(forwards[0].msg)->apfWord >> AASYSMB_APF_SHIFT, 2u);
 }
 
 // Whatever the bytes, the proxy reads nothing outside the message (the sanitizer build checks) and

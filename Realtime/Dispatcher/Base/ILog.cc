@@ -30,4 +30,6 @@ void IMsgFilterLog::logfMessage(unsigned int count, const char* format, ...) {
   va_end(args);
 }
 
+bool IMsgFilterLog::wantsMessage(const void*) const { return true; }
+
 }  // namespace Olm

@@ -180,6 +180,10 @@ bool MsgFilterLog::isListed(uint16_t msgId) const {
   return false;
 }
 
+bool MsgFilterLog::wantsMessage(const void* msg) const {
+  return m_filterCount == 0 || msg == nullptr || isListed(msgHeader(msg)->msgId);
+}
+
 void MsgFilterLog::vlogfMessage(unsigned int count, const char* format, va_list args) {
   if (count < 1 || count > MaxArguments) {
     std::puts("MsgFilLog: Incorrect number of args");

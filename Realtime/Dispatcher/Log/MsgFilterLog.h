@@ -91,6 +91,8 @@ class MsgFilterLog : public IMsgFilterLog {
   // a null message, a message not in the list, a payload too large and a log not yet initialised
   // are skipped silently.
   void vlogfMessage(unsigned int count, const char* format, va_list args) override;
+  // False only for a message whose id the list lacks: nothing else is decided before the call.
+  bool wantsMessage(const void* msg) const override;
 
   // The RAM file's callbacks: the buffer is read without a lock.
   static EAaFileCallbackAction lockFn(void* context);

@@ -168,10 +168,14 @@ TEST_F(MsgFilterLogTest, TheListChoosesTheMessagesAndAnEmptyListTakesThemAll) {
   start(MsgFilterLog::ModeHeaderOnly, "0x26B8,0x26B9");
   for (uint16_t id : {0x26B7, 0x26B8, 0x26BA, 0x26B9, 0x36B8}) trace("Send", message(id));
   EXPECT_EQ(entries(text()), "Send:26b8 Send:26b9 ");
+  // The Dispatcher's question before the call agrees with what the call records.
+  EXPECT_TRUE(log.wantsMessage(message(0x26B9)));
+  EXPECT_FALSE(log.wantsMessage(message(0x36B8)));
   MsgFilterLog all;
   all.initMsgFilterLog("all_MsgFilterLog.log");
   for (uint16_t id : {0x26B7, 0x26B8}) all.logfMessage(3, kDispatcherFormat, 0x0700, "Send", message(id));
   EXPECT_EQ(entries(all.getBuffer()), "Send:26b7 Send:26b8 ");
+  EXPECT_TRUE(all.wantsMessage(message(0x26B7)));
 }
 
 TEST_F(MsgFilterLogTest, ArgumentsBeforeTheOperationAreReadWithTheirOwnTypes) {

@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include "CounterClock.h"
+
 namespace rhyddal {
 
 uint64_t monotonicNanoseconds() {
@@ -15,16 +17,29 @@ RadioTime radioTimeAt(uint64_t nanoseconds) {
   return RadioTime{(fine / kFinePerFrame) % kFrameCounterModulo, static_cast<uint32_t>(fine % kFinePerFrame)};
 }
 
-RadioTime radioTimeNow() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const uint32_t nanoseconds = static_cast<uint32_t>(now.tv_nsec);
-  const uint64_t frames = static_cast<uint64_t>(now.tv_sec) * kFramesPerSecond + nanoseconds / kNanosecondsPerFrame;
+namespace {
+
+// From seconds and nanoseconds apart, so that every division is one by a constant that fits 32
+// bits: cheap on 32-bit ARM too.
+RadioTime radioTimeOfParts(uint64_t seconds, uint32_t nanoseconds) {
+  const uint64_t frames = seconds * kFramesPerSecond + nanoseconds / kNanosecondsPerFrame;
   // 1/40 BTU per ns is 1.2288 = 768/625.
   constexpr uint64_t kFineNumerator = 768, kFineDenominator = 625;
   static_assert(kFinePerFrame * kFineDenominator == kNanosecondsPerFrame * kFineNumerator, "1.2288 fine units per ns");
   const uint64_t fine = (nanoseconds % kNanosecondsPerFrame) * kFineNumerator / kFineDenominator;
   return RadioTime{frames % kFrameCounterModulo, static_cast<uint32_t>(fine)};
+}
+
+}  // namespace
+
+RadioTime radioTimeNow() {
+  if (counterClockInUse()) {
+    const uint64_t now = counterMonotonicNanoseconds();
+    return radioTimeOfParts(now / kNanosecondsPerSecond, static_cast<uint32_t>(now % kNanosecondsPerSecond));
+  }
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return radioTimeOfParts(static_cast<uint64_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec));
 }
 
 uint32_t lteSymbolAt(uint64_t nanoseconds) {

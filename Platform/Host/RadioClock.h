@@ -41,9 +41,9 @@ inline uint64_t unitsAt(uint64_t nanoseconds, uint64_t unitsPerSecond) {
 }
 
 RadioTime radioTimeAt(uint64_t nanoseconds);
-// The radio time now: radioTimeAt of the monotonic clock, computed from its seconds and
-// nanoseconds apart, so that every division is one by a constant (ddal_sfn_get_bcn runs on every
-// loop iteration of every node).
+// The radio time now: radioTimeAt of the monotonic clock, read through the cycle counter where
+// that is the kernel's clock source (CounterClock.h). ddal_sfn_get_bcn runs on every loop
+// iteration of every node and for every history record.
 RadioTime radioTimeNow();
 // The simulated LTE symbol counter: symbols since frame 0 of a 4096-frame cycle, below 573440.
 uint32_t lteSymbolAt(uint64_t nanoseconds);

@@ -1,8 +1,8 @@
 // What one history-log record costs the Dispatcher, beside what it is measured against, all with
 // the node's own time source (the radio clock through the platform library):
 //
-//   HistoryMessage:  the operation trace's record, logfMessage(3, "(%04x)->%s(%p)", ...) through
-//                    the ILog, as the Dispatcher writes it for every message operation
+//   HistoryMessage:  the operation trace's record through the ILog, as the Dispatcher writes it
+//                    for every message operation (logMsgOperation)
 //   HistoryLine:     a line of four arguments, two of them 64-bit (the StartTimer trace)
 //   BareRecord:      the time read and one 88-byte record copied into a ring: the floor
 //   SpdlogNullSink:  a synchronous spdlog call of the same trace line to a null sink (only when
@@ -71,7 +71,7 @@ Olm::ILog& historyLog(bool fixed) {
 
 void BM_HistoryMessage(benchmark::State& state, bool fixedTime) {
   Olm::ILog& log = historyLog(fixedTime);
-  for (auto _ : state) log.logfMessage(3, "(%04x)->%s(%p)", kCpid, "Process", static_cast<void*>(&s_message));
+  for (auto _ : state) log.logMsgOperation(kCpid, "Process", static_cast<void*>(&s_message));
   state.SetItemsProcessed(state.iterations());
 }
 

@@ -19,6 +19,9 @@
 #                                history log over the untraced path's (target <= 2)
 #   printed_over_traced          the same with the trace printed (--verbose --nohistory, to
 #                                /dev/null) over tracing into the history log (target >= 5)
+#   filter_miss_over_noop_log    one traced operation with the message filter log in mode 2 and the
+#                                message's id not listed, over the same with a filter log that does
+#                                nothing (target: close to 1 or below)
 # Figures are medians of repetitions. Usage: bench/ratios.sh [build dir]   (default build/native;
 # build it as RelWithDebInfo or Release).
 set -euo pipefail
@@ -51,6 +54,7 @@ RHYDDAL_SPIN_US=0 run same-parking same NodePingPong_benchmark 'NodeRoundTrip|Ba
 run apart-spinning apart NodePingPong_benchmark 'NodeRoundTrip'
 run same same TimerLateness_benchmark '.'
 run same same HistoryLog_benchmark '.'
+run same same MsgFilterLog_benchmark 'BM_FilterLog/'
 
 value() { awk -v p="$1" -v b="$2" -v k="$3" '$1 == p && ($2 == b || index($2, b "/") == 1) && $3 == k { print $4; exit }' "$results"; }
 ratio() {
@@ -78,3 +82,5 @@ ratio traced_over_untraced "$(value apart BM_LocalPingPong/Reply items_per_secon
   "$(value apart BM_LocalPingPong/ReplyTracedToHistory items_per_second)"
 ratio printed_over_traced "$(value apart BM_LocalPingPong/ReplyTracedToHistory items_per_second)" \
   "$(value apart BM_LocalPingPong/ReplyTracedToPrint items_per_second)"
+ratio filter_miss_over_noop_log "$(value same BM_FilterLog/NoOpLog items_per_second)" \
+  "$(value same BM_FilterLog/NotListed items_per_second)"

@@ -48,7 +48,7 @@ class CounterExtrapolatorTest : public ::testing::Test {
     ASSERT_TRUE(clock.calibrated());
   }
 
-  CounterExtrapolator clock{FakeTime::readCounter, FakeTime::readClock};
+  CounterExtrapolator<FakeTime::readCounter, FakeTime::readClock> clock;
 };
 
 TEST_F(CounterExtrapolatorTest, BetweenAnchorsTheCounterGivesTheClock) {
@@ -78,7 +78,7 @@ TEST_F(CounterExtrapolatorTest, AnchorsAgainEveryMillisecondAndFollowsTheClocksR
 TEST_F(CounterExtrapolatorTest, AnInterruptedPairGivesTheClockButNeverAnAnchor) {
   const uint64_t start = 9 * kMillisecond;
   calibrateFrom(start);
-  FakeTime::step = (CounterExtrapolator::kMaxPairWidthNanoseconds + 1) * kCountsPerNanosecond;
+  FakeTime::step = (decltype(clock)::kMaxPairWidthNanoseconds + 1) * kCountsPerNanosecond;
   FakeTime::counter = (start + 3 * kMillisecond) * kCountsPerNanosecond;
   FakeTime::clock = start + 2 * kMillisecond;  // far from the wide pair's midpoint
   EXPECT_EQ(clock.now(), start + 2 * kMillisecond) << "the clock as read";

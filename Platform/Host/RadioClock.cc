@@ -19,27 +19,19 @@ RadioTime radioTimeAt(uint64_t nanoseconds) {
 
 namespace {
 
-// From seconds and nanoseconds apart, so that every division is one by a constant that fits 32
-// bits: cheap on 32-bit ARM too.
-RadioTime radioTimeOfParts(uint64_t seconds, uint32_t nanoseconds) {
-  const uint64_t frames = seconds * kFramesPerSecond + nanoseconds / kNanosecondsPerFrame;
+RadioTime radioTimeOfFrames(uint64_t frames, uint32_t nanosecondsInFrame) {
   // 1/40 BTU per ns is 1.2288 = 768/625.
   constexpr uint64_t kFineNumerator = 768, kFineDenominator = 625;
   static_assert(kFinePerFrame * kFineDenominator == kNanosecondsPerFrame * kFineNumerator, "1.2288 fine units per ns");
-  const uint64_t fine = (nanoseconds % kNanosecondsPerFrame) * kFineNumerator / kFineDenominator;
+  const uint64_t fine = uint64_t{nanosecondsInFrame} * kFineNumerator / kFineDenominator;
   return RadioTime{frames % kFrameCounterModulo, static_cast<uint32_t>(fine)};
 }
 
 }  // namespace
 
 RadioTime radioTimeNow() {
-  if (counterClockInUse()) {
-    const uint64_t now = counterMonotonicNanoseconds();
-    return radioTimeOfParts(now / kNanosecondsPerSecond, static_cast<uint32_t>(now % kNanosecondsPerSecond));
-  }
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return radioTimeOfParts(static_cast<uint64_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec));
+  const uint64_t now = counterMonotonicNanoseconds();
+  return radioTimeOfFrames(now / kNanosecondsPerFrame, static_cast<uint32_t>(now % kNanosecondsPerFrame));
 }
 
 uint32_t lteSymbolAt(uint64_t nanoseconds) {

@@ -23,6 +23,12 @@ void ILog::logfMessage(unsigned int count, const char* format, ...) {
   va_end(args);
 }
 
+const char kMsgOperationFormat[] = "(%04x)->%s(%p)";
+
+void ILog::logMsgOperation(unsigned int cpid, const char* operation, void* msg) {
+  logfMessage(3, kMsgOperationFormat, cpid, operation, msg);
+}
+
 void IMsgFilterLog::logfMessage(unsigned int count, const char* format, ...) {
   va_list args;
   va_start(args, format);

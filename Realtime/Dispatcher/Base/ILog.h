@@ -12,6 +12,10 @@
 
 namespace Olm {
 
+// The Dispatcher's trace of one message operation: the current CPID, the operation's name (a
+// literal) and the message.
+extern const char kMsgOperationFormat[];  // "(%04x)->%s(%p)"
+
 class ILog {
  public:
   virtual ~ILog() = default;
@@ -21,6 +25,9 @@ class ILog {
   virtual void vlogfString(const char* format, va_list args) = 0;
   virtual void logfMessage(unsigned int count, const char* format, ...);
   virtual void vlogfMessage(unsigned int count, const char* format, va_list args) = 0;
+  // The operation trace, logfMessage(3, kMsgOperationFormat, cpid, operation, msg) by default. A
+  // log on the hot path may write what that call would, without building the variadic call.
+  virtual void logMsgOperation(unsigned int cpid, const char* operation, void* msg);
 };
 
 class IMsgFilterLog {

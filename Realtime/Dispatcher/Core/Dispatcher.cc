@@ -336,9 +336,9 @@ void Dispatcher::pause() {
 }
 
 void Dispatcher::logMsgOperation(const char* operation, void* msg) {
-  if (m_verbose && m_log != nullptr) m_log->logfMessage(3, "(%04x)->%s(%p)", m_currentCpid, operation, msg);
+  if (m_verbose && m_log != nullptr) m_log->logMsgOperation(m_currentCpid, operation, msg);
   if (m_msgFilterLogging && m_msgFilterLog != nullptr && m_msgFilterLog->wantsMessage(msg)) {
-    m_msgFilterLog->logfMessage(3, "(%04x)->%s(%p)", m_currentCpid, operation, msg);
+    m_msgFilterLog->logfMessage(3, kMsgOperationFormat, m_currentCpid, operation, msg);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <new>
+#include <type_traits>
 
 #include "AaSysComMsgHeader.h"
 
@@ -56,7 +57,11 @@ void HistoryLog::putTime(LteTime time) {
 
 SHistoryRecord& HistoryLog::startRecord(uint16_t type, uint16_t count) {
   SHistoryRecord& record = m_buffer[m_next];
-  m_lastTime = m_timeSource->getLTETime();
+  // The time source builds its reading in m_lastTime itself (LteTime is trivially destructible).
+  // Assigned from a returned temporary, the copy read it with wide loads over the narrower stores
+  // just made, a store-forwarding stall that cost as much as the rest of the record.
+  static_assert(std::is_trivially_destructible<LteTime>::value, "the last time is rebuilt in place");
+  new (&m_lastTime) LteTime(m_timeSource->getLTETime());
   history::storeTime(record, m_lastTime);
   record.type = type;
   record.count = count;
@@ -116,14 +121,35 @@ void HistoryLog::vlogfMessage(unsigned int count, const char* format, va_list ar
   for (unsigned i = stored; i < formatArguments; ++i) (void)va_arg(words, void*);
   const void* msg = va_arg(words, void*);
   va_end(words);
-  uint32_t* at = record.payload + handleAt;
+  storeMessage(record.payload + handleAt, msg);
+  commitRecord();
+}
+
+void HistoryLog::logMsgOperation(unsigned int cpid, const char* operation, void* msg) {
+  if (m_buffer == nullptr) {
+    ILog::logMsgOperation(cpid, operation, msg);
+    return;
+  }
+  // The words vlogfMessage stores for kMsgOperationFormat with count 3: the CPID as the int it is
+  // promoted to, the operation as a text, then the message.
+  constexpr unsigned kOperationAt = 1;
+  constexpr unsigned kMessageAt = kOperationAt + history::kPointerWords;
+  SHistoryRecord& record = startRecord(history::kMessageRecord, 3);
+  history::storeFormat(record, kMsgOperationFormat);
+  history::storeValue(record.payload, static_cast<int>(cpid));
+  history::storeValue(record.payload + kOperationAt, history::textOffset(operation));
+  storeMessage(record.payload + kMessageAt, msg);
+  commitRecord();
+}
+
+// The message handle, then the id, receiver and sender from its header (zeros for no message).
+void HistoryLog::storeMessage(uint32_t* at, const void* msg) {
   history::storeValue(at, reinterpret_cast<uintptr_t>(msg));
   at += history::kPointerWords;
   const SAaSysComMsgHeader* header = msg != nullptr ? msgHeader(msg) : nullptr;
   at[0] = header != nullptr ? header->msgId : 0;
   at[1] = header != nullptr ? header->receiver : 0;
   at[2] = header != nullptr ? header->sender : 0;
-  commitRecord();
 }
 
 void HistoryLog::vlogfString(const char* format, va_list args) {

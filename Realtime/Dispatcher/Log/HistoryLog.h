@@ -45,6 +45,9 @@ class HistoryLog : public ILog {
   // count 1 to 6: count - 1 arguments, then the message (which a last %p of the format prints);
   // its id, receiver and sender are copied so that the dump does not need the message.
   void vlogfMessage(unsigned int count, const char* format, va_list args) override;
+  // The same record as vlogfMessage makes of the operation trace, written directly: the trace
+  // runs several times for every message with --verbose.
+  void logMsgOperation(unsigned int cpid, const char* operation, void* msg) override;
 
   // "[hyper frame,frame,slot,basic time unit] " to standard output.
   void putTime(LteTime time);
@@ -68,6 +71,7 @@ class HistoryLog : public ILog {
                                        const history::ArgumentLayout& layout, unsigned stored, va_list* args);
   // Moves next on; the newest record overwrites the oldest.
   void commitRecord();
+  static void storeMessage(uint32_t* at, const void* msg);
   void storeTextChunks(const char* text);
 
   static constexpr unsigned kFileNameSize = 256;

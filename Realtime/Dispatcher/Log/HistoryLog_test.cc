@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "AaSysComMsgHeader.h"
@@ -179,6 +180,25 @@ TEST_F(HistoryLogTest, BeforeInitialisationEveryCallPrintsItsLineAndStoresNothin
                 printed("vlogfMessage: hb not init: '(0701)->Send(%p)'\n", static_cast<void*>(&header)));
   EXPECT_EQ(log.getBuffer(), nullptr);
   EXPECT_EQ(time.reads(), 0u);
+}
+
+// The operation trace written directly is the record the variadic call makes: the dump and
+// olm-history read both the same way.
+TEST_F(HistoryLogTest, TheOperationTraceIsTheRecordOfItsVariadicCall) {
+  init(0);
+  SAaSysComMsgHeader header{0x2101, 0, 0x12030123, 0x12030456, 4, 16};
+  log.logfMessage(3, Olm::kMsgOperationFormat, 0xF701, "Process", &header);
+  log.logMsgOperation(0xF701, "Process", &header);
+  log.logfMessage(3, Olm::kMsgOperationFormat, 0x0610, "Destroy", nullptr);
+  log.logMsgOperation(0x0610, "Destroy", nullptr);
+  EXPECT_EQ(std::memcmp(&record(0), &record(1), kRecord), 0);
+  EXPECT_EQ(std::memcmp(&record(2), &record(3), kRecord), 0);
+
+  Olm::HistoryLog uninitialised;
+  ::testing::internal::CaptureStdout();
+  uninitialised.logMsgOperation(0x0701, "Send", &header);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            printed("vlogfMessage: hb not init: '(0701)->Send(%p)'\n", static_cast<void*>(&header)));
 }
 
 // --- Text records -----------------------------------------------------------------------------

@@ -3,14 +3,15 @@
 #include <cstring>
 
 #include "AaConfigTagInternal.h"
+#include "AaGpuHelpers.h"
 #include "AaSysLog.h"
 
 namespace Olm {
 
 namespace {
 
-constexpr uint32_t kHexDumpBytesPerRow = 16;
-constexpr uint32_t kHexDumpCharsPerByte = 3;  // two digits and a space
+constexpr uint32_t kHexDumpBytesPerGroup = 1;
+constexpr uint32_t kHexDumpGroupBlanks = 1;
 
 template <typename Word>
 Word readWord(const uint8_t* value, uint32_t length) {
@@ -33,12 +34,12 @@ bool isTagSwitchOn() { return AaConfigRadGetValue(kAaConfigTagFeatureId) != 0; }
 void logHexDump(const char* name, const uint8_t* value, uint32_t length) {
   AaSysLogPrintE(EAaSysLogSeverityLevel_Info, kAaConfigTagFeatureId,
                  "setConfigTag() name = %s, len = %d, type not specified, value:", name, static_cast<int>(length));
-  for (uint32_t row = 0; row < length; row += kHexDumpBytesPerRow) {
-    char text[kHexDumpBytesPerRow * kHexDumpCharsPerByte + 1] = {};
-    for (uint32_t i = row; i < length && i < row + kHexDumpBytesPerRow; ++i) {
-      std::snprintf(text + (i - row) * kHexDumpCharsPerByte, kHexDumpCharsPerByte + 1, "%02x ", value[i]);
-    }
-    AaSysLogPrintE(EAaSysLogSeverityLevel_Info, kAaConfigTagFeatureId, "%s", text);
+  const void* cursor = value;
+  uint32_t remaining = length;
+  while (remaining != 0) {
+    char line[AAGPUHELPERS_HEXDUMP_LINE_SIZE];
+    AaGpuHelpersHexdumpBuild(&cursor, &remaining, line, kHexDumpBytesPerGroup, kHexDumpGroupBlanks, 0);
+    AaSysLogPrintE(EAaSysLogSeverityLevel_Info, kAaConfigTagFeatureId, "%s", line);
   }
 }
 
@@ -63,8 +64,20 @@ void logUnspecifiedWrite(const char* name, const uint8_t* value, uint32_t length
 
 }  // namespace
 
-bool isTagNameTooLong(const char* name) {
-  return name != nullptr && strnlen(name, AACONFIG_TAG_NAME_MAX_LENGTH + 1) > AACONFIG_TAG_NAME_MAX_LENGTH;
+bool isValidTagName(const char* name) {
+  return name != nullptr && *name != '\0' &&
+         strnlen(name, AACONFIG_TAG_NAME_MAX_LENGTH + 1) <= AACONFIG_TAG_NAME_MAX_LENGTH;
+}
+
+bool isValidTagType(uint32_t type) {
+  return type >= EAaConfigTagType_U16 && type <= EAaConfigTagType_NotSpecified;
+}
+
+uint32_t firstValueWord(const void* value, uint32_t length) {
+  const auto* bytes = static_cast<const uint8_t*>(value);
+  uint32_t word = 0;
+  for (uint32_t i = 0; i < length && i < sizeof(word); ++i) word |= uint32_t{bytes[i]} << (8 * i);
+  return word;
 }
 
 void logTagWrite(const char* name, const uint8_t* value, uint32_t length, uint32_t type) {

@@ -14,12 +14,11 @@ extern "C" {
 
 typedef uint32_t EAaConfigRet; /* 0 success; other codes per function */
 
-/* Result codes of the tag functions. */
+/* Result codes of the tag functions (those of the R&D parameters are in AaConfigRad.h). */
 enum {
   EAaConfigRet_Ok = 0,
   EAaConfigRet_InvalidParameter = 1, /* null name or value, zero or too long a length, a name over
-                                        80 characters, an invalid type; for AaConfigRadSetValue a
-                                        tag id out of range */
+                                        80 characters, an invalid type */
   EAaConfigRet_TagNotFound = 2,
   EAaConfigRet_ObserverNotFound = 3,
   EAaConfigRet_TagReadFailed = 6,    /* AaConfigTagGetU16 only */
@@ -92,12 +91,6 @@ EAaConfigRet AaConfigTagGetU32(const char* name, uint32_t* value);
 /* 1 when the tag exists and holds a value, else 0 (also for a null or too long name). */
 uint32_t AaConfigTagIsSet(const char* name);
 
-/* The current value of an R&D parameter (domain in the high 16 bits, index in the low 16);
- * 0 when out of range. */
-uint32_t AaConfigRadGetValue(uint32_t tagId);
-/* Changes an R&D parameter. Results: 0; 1 (tag id out of range). */
-EAaConfigRet AaConfigRadSetValue(uint32_t tagId, uint32_t value);
-
 #ifdef __cplusplus
 }
 
@@ -110,5 +103,8 @@ static_assert(offsetof(SAaConfigEarlyTag, type) == 344, "early tag layout");
 #endif
 
 OLM_API_END
+
+/* The R&D parameters belong to the configuration service too. */
+#include "AaConfigRad.h"
 
 #endif /* OLM_AACONFIG_H */

@@ -11,17 +11,6 @@ namespace {
 using OlmTest::kSlaveSicad;
 using OlmTest::kSubscriber;
 
-// The tag tests of this process read their switch from domain 1, registered as at start-up.
-class OlmDomainEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    AaConfigRadSetMaxDomainCount(AACONFIG_RAD_DOMAIN_COUNT);
-    OlmTest::registerOlmDomain();
-  }
-};
-[[maybe_unused]] const ::testing::Environment* const kOlmDomain =
-    ::testing::AddGlobalTestEnvironment(new OlmDomainEnvironment);
-
 constexpr uint32_t kDomain = 3;
 constexpr uint32_t kTag = kDomain << 16 | 2;
 const char* const kTagNames[] = {"first", "second", "third", "fourth"};

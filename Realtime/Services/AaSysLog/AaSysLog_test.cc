@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "AaConfigRad.h"
+#include "AaConfig.h"
 #include "AaSysComMsgHeader.h"
 #include "AaSysLogLine.h"
 #include "FakeRuntime.h"
@@ -57,11 +57,6 @@ TEST(AaSysLogLine, NullFormatAndFileAreToleratedButAFormattingErrorSpoilsTheLine
 
 class AaSysLogTest : public OlmTest::FakeRuntimeTest {
  protected:
-  // The level and the output switch are R&D parameters of domain 1, which start-up registers.
-  static void SetUpTestSuite() {
-    AaConfigRadSetMaxDomainCount(AACONFIG_RAD_DOMAIN_COUNT);
-    AaConfigRadRegisterDomain(AACONFIG_RAD_OLM_DOMAIN, AACONFIG_RAD_OLM_DOMAIN_NAME, AaConfigRadOlmDomainInit);
-  }
   void TearDown() override {
     AaConfigRadSetValue(kInputLevelTag, kDefaultInputLevel);
     AaConfigRadSetValue(kOutputSwitchTag, kDefaultOutputSwitch);

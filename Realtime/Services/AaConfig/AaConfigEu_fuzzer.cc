@@ -17,6 +17,7 @@
 #include "AaConfigRadMsg.h"
 #include "AaSysCom.h"
 #include "FakeRuntime.h"
+#include "FuzzInput.h"
 
 namespace {
 
@@ -38,21 +39,6 @@ constexpr uint32_t kSubscriber = uint32_t{OlmTest::kOwnNid} << 16 | 0x0777;
 
 void smallDomain() { AaConfigRadSetMaxTagCount(kSmallDomain, 3); }
 
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-  bool atEnd() const { return m_position >= m_size; }
-  uint8_t byte() { return atEnd() ? 0 : m_data[m_position++]; }
-  void bytes(uint8_t* out, size_t count) {
-    for (size_t i = 0; i < count; ++i) out[i] = byte();
-  }
-
- private:
-  const uint8_t* m_data;
-  size_t m_size;
-  size_t m_position = 0;
-};
-
 void release() {
   Olm::Rad::releaseSlave();
   Olm::Rad::releaseSubscribers();
@@ -62,7 +48,7 @@ void release() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input input(data, size);
+  OlmTest::FuzzInput input(data, size);
   OlmTest::FakeRuntime runtime;
   AaConfigEarlyStartup();
   AaConfigEeStartup(AACONFIG_RAD_DOMAIN_COUNT);

@@ -36,7 +36,8 @@ enum {
   EAaConfigRadRet_InvalidParameter = 1,
   EAaConfigRadRet_NoValueArrays = 3, /* the domain is not registered */
   EAaConfigRadRet_AlreadySet = 5,    /* the table, the tag count or the domain exists already */
-  EAaConfigRadRet_OutOfMemory = 9,
+  EAaConfigRadRet_OutOfMemory = 9,  /* a subscription without subscriber list; memory itself never
+                                       fails here (the memory service ends the process instead) */
   EAaConfigRadRet_NoStoreList = 10   /* a value for an unregistered domain with nowhere to keep it */
 };
 
@@ -109,7 +110,7 @@ EAaConfigRet AaConfigRadSetMaxDomainCount(uint32_t count);
 uint32_t AaConfigRadGetDomainCount(void);
 /* Declares the domain's tag count (only its low 16 bits count) and allocates its zeroed value,
  * default and name arrays; for an init function. Results: 0; 1 (no table, count 0, domain out of
- * range, more than AACONFIG_RAD_MAX_TAG_COUNT tags); 5 (already declared); 9. */
+ * range, low 16 bits 0 or more than AACONFIG_RAD_MAX_TAG_COUNT); 5 (already declared). */
 EAaConfigRet AaConfigRadSetMaxTagCount(uint32_t domain, uint32_t count);
 /* Frees the three arrays and clears the record. Results: 0; 1 (no table, domain out of range). */
 EAaConfigRet AaConfigRadRemoveMaxTagCount(uint32_t domain);
@@ -124,8 +125,8 @@ EAaConfigRet AaConfigRadRegisterDomainSynch(uint32_t domain, const char* name, T
 /* Registers a domain whose values come ready-made: values (count words) become the current values
  * in place, not copied, and are copied as defaults; names (count pointers, may be null) are kept.
  * Stored values are applied, the domain is announced. The caller keeps both arrays alive until the
- * domain is unregistered. Results: 0; 1 (no table, null name or values, count 0, domain out of
- * range); 5 (the slot has a name and values); 9. */
+ * domain is unregistered. Results: 0; 1 (no table, null name or values, count 0 or above
+ * AACONFIG_RAD_MAX_TAG_COUNT, domain out of range); 5 (the slot has a name and values). */
 EAaConfigRet AaConfigRadSetDomain(uint32_t domain, const char* name, uint32_t* values, uint32_t count,
                                   const char** names);
 /* Unregisters the domain from the master and frees it (AaConfigRadFreeDomain). A domain without
@@ -153,7 +154,7 @@ EAaConfigRet AaConfigRadSetDefaultValues(uint32_t domain);
 uint32_t AaConfigRadGetValue(uint32_t tagId);
 /* Sets a value and notifies the tag's subscribers when it changed. For a domain not registered yet
  * the value is stored (replacing one stored before) and applied at registration. Results: 0; 1 (no
- * table, domain out of range, index not below the tag count); 9; 10 (no store list). */
+ * table, domain out of range, index not below the tag count); 10 (no store list). */
 EAaConfigRet AaConfigRadSetValue(uint32_t tagId, uint32_t value);
 /* The domain's name; null for a free slot or a domain out of range. */
 const char* AaConfigRadGetDomainString(uint32_t tagId);
@@ -183,14 +184,14 @@ uint32_t AaConfigRadGetAllFlashTags(uint32_t* buffer, uint32_t domain);
 
 /* subscriber receives AACONFIG_RAD_CHANGE_NOTIF_MSG for every change of tagId (once per
  * subscription; a second subscription of the same pair is ignored). Results: 0; 9 (no subscriber
- * list, no memory). */
+ * list: before AaConfigRadEeStartup). */
 EAaConfigRet AaConfigRadSubscribeNotifs(uint32_t tagId, uint32_t subscriber);
 /* Removes the subscriptions of subscriber to tagId; a subscriber left without any subscription
  * is forgotten. Result 0. */
 EAaConfigRet AaConfigRadUnSubscribeNotifs(uint32_t tagId, uint32_t subscriber);
 /* subscriber receives AACONFIG_RAD_UPDATE_NOTIF_MSG whenever the master changes values of the
- * domain or the domain is put back to its defaults. Results: 0 (also for a new subscriber whose
- * record could not be allocated); 9 (no subscriber list, no memory). */
+ * domain or the domain is put back to its defaults. Results: 0; 9 (no subscriber list: before
+ * AaConfigRadEeStartup). */
 EAaConfigRet AaConfigRadSubscribeDomainUpdate(uint32_t domain, uint32_t subscriber);
 /* Removes the subscription of subscriber to the domain. A subscriber whose last domain
  * subscription this was is forgotten with its tag subscriptions. Result 0. */

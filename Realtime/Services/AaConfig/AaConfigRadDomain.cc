@@ -99,6 +99,9 @@ void notifyChange(uint32_t tagId, uint32_t value) {
   Olm::circularListUnlink(change.link);
 }
 
+// Only a domain given ready-made (a name and no init function) holds the caller's values and names.
+bool ownsValueArrays(const SAaConfigRadDomain& record) { return record.init != nullptr || record.name == nullptr; }
+
 void freeArrays(SAaConfigRadDomain& record) {
   release(record.values);
   release(record.defaults);
@@ -186,10 +189,10 @@ void releaseDomains() {
   for (uint32_t domain = 0; domain < radDomainCount; ++domain) {
     SAaConfigRadDomain& record = radDomain[domain];
     if (record.tagCount == 0) continue;
-    if (record.init != nullptr) {
+    if (ownsValueArrays(record)) {
       freeArrays(record);
     } else {
-      release(record.defaults);  // the values and names are the caller's
+      release(record.defaults);
     }
   }
   if (radDomain != nullptr) release(radDomain);
@@ -300,7 +303,7 @@ EAaConfigRet AaConfigRadFreeDomain(uint32_t domain) {
   SAaConfigRadDomain* record = findDomain(domain);
   if (record == nullptr) return EAaConfigRadRet_InvalidParameter;
   if (record->tagCount == 0) return EAaConfigRadRet_Ok;
-  if (record->init != nullptr) {
+  if (ownsValueArrays(*record)) {
     release(record->values);
     release(static_cast<void*>(record->tagNames));
   }

@@ -15,12 +15,11 @@ extern "C" {
 
 typedef uint32_t EAaConfigRet; /* 0 success; other codes per function */
 
-/* Result codes of the tag functions. */
+/* Result codes of the tag functions (those of the R&D parameters are in AaConfigRad.h). */
 enum {
   EAaConfigRet_Ok = 0,
   EAaConfigRet_InvalidParameter = 1, /* null or empty name, a name over 80 characters, null value
-                                        or output, zero or too long a length; for
-                                        AaConfigRadSetValue a tag id out of range */
+                                        or output, zero or too long a length */
   EAaConfigRet_TagNotFound = 2,
   EAaConfigRet_ObserverNotFound = 3,
   EAaConfigRet_TagReadFailed = 6,    /* AaConfigTagGetU16 only */
@@ -187,13 +186,6 @@ EAaConfigRet AaConfigTagUnregister(const char* name, TAaConfigTagObserver callba
  * EAaConfigRet_TagNotFound. The functions behave the same. */
 EAaConfigRet AaConfigTagPublicDelete(const char* name);
 EAaConfigRet AaConfigTagDelete(const char* name);
-
-/* The current value of an R&D parameter (domain in the high 16 bits, index in the low 16);
- * 0 when out of range. */
-uint32_t AaConfigRadGetValue(uint32_t tagId);
-/* Changes an R&D parameter. Results: 0; 1 (tag id out of range). */
-EAaConfigRet AaConfigRadSetValue(uint32_t tagId, uint32_t value);
-
 #ifdef __cplusplus
 }
 
@@ -206,5 +198,8 @@ static_assert(offsetof(SAaConfigEarlyTag, type) == 344, "early tag layout");
 #endif
 
 OLM_API_END
+
+/* The R&D parameters belong to the configuration service too. */
+#include "AaConfigRad.h"
 
 #endif /* OLM_AACONFIG_H */

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "AaConfigRad.h"
 #include "AaSysComMsgHeader.h"
 
 namespace OlmTest {
@@ -10,9 +11,17 @@ namespace OlmTest {
 namespace {
 // Not 1: an identifier a service cut to a byte, or took for an index, then names no timer.
 constexpr unsigned int kFirstTimerId = 0x101;
+
+// Registered while no runtime is installed, so that the registration's own lines go nowhere.
+void registerDomainOneAsStartupDoes() {
+  if (AaConfigRadGetDomainCount() != 0) return;
+  AaConfigRadSetMaxDomainCount(AACONFIG_RAD_DOMAIN_COUNT);
+  AaConfigRadRegisterDomain(AACONFIG_RAD_OLM_DOMAIN, AACONFIG_RAD_OLM_DOMAIN_NAME, AaConfigRadOlmDomainInit);
+}
 }  // namespace
 
 FakeRuntime::FakeRuntime() {
+  registerDomainOneAsStartupDoes();
   EXPECT_EQ(Olm::IRuntime::getTheRuntime(), nullptr) << "another runtime is still installed";
   Olm::IRuntime::setTheRuntime(this);
 }

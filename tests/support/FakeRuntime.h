@@ -4,6 +4,8 @@
 // the fake. Time comes from time, log lines land in log.
 //
 // It installs itself as the process's runtime when constructed and removes itself when destroyed.
+// The first fake of a process also registers R&D domain 1 as start-up does, so that services log
+// and read their switches as on a started node.
 #pragma once
 
 #include <gtest/gtest.h>

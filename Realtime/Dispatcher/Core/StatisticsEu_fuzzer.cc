@@ -19,6 +19,7 @@
 #include "Dispatcher.h"
 #include "FakeMsgPort.h"
 #include "FakeTimeSource.h"
+#include "FuzzInput.h"
 #include "IdleMeter.h"
 #include "TrivialLog.h"
 
@@ -31,23 +32,6 @@ constexpr uint64_t kBtuPerMs = 30720;
 constexpr int kIterationsPerCommand = 8;
 
 enum Command : uint8_t { SendMessage = 0, StartMeter = 1, StopMeter = 2, ReadMeter = 3, LetTimePass = 4, kCommands = 5 };
-
-// The input, read front to back; past its end every read gives zeros.
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-  bool atEnd() const { return m_position >= m_size; }
-  uint8_t byte() { return atEnd() ? 0 : m_data[m_position++]; }
-  uint16_t word() { return static_cast<uint16_t>(byte() | byte() << 8); }
-  void bytes(uint8_t* out, size_t count) {
-    for (size_t i = 0; i < count; ++i) out[i] = byte();
-  }
-
- private:
-  const uint8_t* m_data;
-  size_t m_size;
-  size_t m_position = 0;
-};
 
 FILE* nullOutput() {
   static FILE* out = std::fopen("/dev/null", "w");
@@ -68,7 +52,7 @@ struct Node {
   }
   ~Node() { Olm::Dispatcher::setTheDispatcher(nullptr); }
 
-  void sendToStatisticsEu(Input& input) {
+  void sendToStatisticsEu(OlmTest::FuzzInput& input) {
     const size_t length = AASYSCOM_HEADER_SIZE + input.word() % (kMaxMessageLength - AASYSCOM_HEADER_SIZE);
     void* msg = port.allocMsg(length);
     input.bytes(static_cast<uint8_t*>(msg), length);
@@ -106,7 +90,7 @@ struct Node {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input input(data, size);
+  OlmTest::FuzzInput input(data, size);
   Node node;
   uint64_t now = 0;
   while (!input.atEnd()) {

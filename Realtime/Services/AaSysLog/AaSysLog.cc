@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "AaConfig.h"
+#include "AaConfigRad.h"
 #include "AaSysCom.h"
 #include "AaSysLogLine.h"
 #include "AaSysTime.h"

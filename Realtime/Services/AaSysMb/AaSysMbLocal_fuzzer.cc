@@ -16,6 +16,7 @@
 #include "AaSysMb.h"
 #include "AaSysMbLocal.h"
 #include "FakeRuntime.h"
+#include "FuzzInput.h"
 
 namespace {
 
@@ -29,25 +30,10 @@ constexpr uint32_t kSenders[] = {0x0FF00000u | AASYSMB_SERVER_CPID, uint32_t{Olm
                                  0x23450000u | AASYSMB_PROXY_CPID};
 constexpr uint32_t kApfCount = 4;
 
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-  bool atEnd() const { return m_position >= m_size; }
-  uint8_t byte() { return atEnd() ? 0 : m_data[m_position++]; }
-  void bytes(uint8_t* out, size_t count) {
-    for (size_t i = 0; i < count; ++i) out[i] = byte();
-  }
-
- private:
-  const uint8_t* m_data;
-  size_t m_size;
-  size_t m_position = 0;
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input input(data, size);
+  OlmTest::FuzzInput input(data, size);
   OlmTest::FakeRuntime runtime;
   if (AaSysMbInit() != 0) std::abort();
   Olm::IAaSysDispatcherSicHandler* proxy = runtime.boundEu(AASYSMB_PROXY_CPID);

@@ -91,6 +91,10 @@ EAaConfigRet AaConfigTagGetU16(const char* name, uint16_t* value);
 EAaConfigRet AaConfigTagGetU32(const char* name, uint32_t* value);
 /* 1 when the tag exists and holds a value, else 0 (also for a null or too long name). */
 uint32_t AaConfigTagIsSet(const char* name);
+/* Deletes the tag with its value and observers; the observers are not told. Results: 0; 1 (null
+ * name, name over 80 characters); 2 (no such tag). Without Public the same. */
+EAaConfigRet AaConfigTagPublicDelete(const char* name);
+EAaConfigRet AaConfigTagDelete(const char* name);
 
 /* The current value of an R&D parameter (domain in the high 16 bits, index in the low 16);
  * 0 when out of range. */

@@ -168,4 +168,14 @@ uint32_t AaConfigTagIsSet(const char* name) {
   return 0;
 }
 
+EAaConfigRet AaConfigTagPublicDelete(const char* name) {
+  if (name == nullptr || Olm::isTagNameTooLong(name)) return EAaConfigRet_InvalidParameter;
+  SAaConfigEarlyTag* entry = findEntry(name);
+  if (entry == nullptr) return EAaConfigRet_TagNotFound;
+  *entry = SAaConfigEarlyTag{};
+  return EAaConfigRet_Ok;
+}
+
+EAaConfigRet AaConfigTagDelete(const char* name) { return AaConfigTagPublicDelete(name); }
+
 }  // extern "C"

@@ -126,6 +126,18 @@ TEST_F(AaConfigTagTest, The257thDistinctTagFindsTheTableFull) {
   EXPECT_EQ(value, 70u);
 }
 
+TEST_F(AaConfigTagTest, ADeletedTagIsGoneAndItsEntryServesTheNextNewTag) {
+  for (unsigned i = 0; i < AACONFIG_EARLY_TAG_COUNT; ++i) {
+    ASSERT_EQ(AaConfigTagSetU32(("olm.test." + std::to_string(i)).c_str(), i), EAaConfigRet_Ok);
+  }
+  EXPECT_EQ(AaConfigTagDelete("olm.test.7"), EAaConfigRet_Ok);
+  EXPECT_EQ(AaConfigTagIsSet("olm.test.7"), 0u);
+  EXPECT_EQ(AaConfigTagPublicDelete("olm.test.7"), EAaConfigRet_TagNotFound);
+  EXPECT_EQ(AaConfigTagDelete(nullptr), EAaConfigRet_InvalidParameter);
+  EXPECT_EQ(AaConfigTagSetU32("olm.test.one.more", 1), EAaConfigRet_Ok);
+  EXPECT_EQ(AaConfigTagIsSet("olm.test.8"), 1u);
+}
+
 TEST_F(AaConfigTagTest, UnspecifiedValuesAreLoggedAsWordStringOrOnRequestHexDump) {
   const uint8_t word[4] = {0x78, 0x56, 0x34, 0x12};
   ASSERT_EQ(AaConfigTagSet(kName, word, sizeof(word)), EAaConfigRet_Ok);

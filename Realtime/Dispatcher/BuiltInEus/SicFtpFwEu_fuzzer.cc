@@ -37,22 +37,6 @@ constexpr size_t kBrowsedBytes = 0x20000;
 constexpr uint32_t kAddressRange = 0x10000;
 constexpr const char* kMasterNidTag = "olm.service.aasyscom.masternid";
 
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-  bool atEnd() const { return m_position >= m_size; }
-  uint8_t byte() { return atEnd() ? 0 : m_data[m_position++]; }
-  uint16_t word() { return static_cast<uint16_t>(byte() | byte() << 8); }
-  void bytes(uint8_t* out, size_t count) {
-    for (size_t i = 0; i < count; ++i) out[i] = byte();
-  }
-
- private:
-  const uint8_t* m_data;
-  size_t m_size;
-  size_t m_position = 0;
-};
-
 void chooseMasterTag(uint8_t choice) {
   switch (choice % 3) {
     case 0: AaConfigTagDelete(kMasterNidTag); break;
@@ -80,18 +64,21 @@ bool wasSent(const OlmTest::FakeRuntime& runtime, const void* msg) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const OlmTest::LowMemory memory(kBrowsedBytes);
   if (memory.bytes() == nullptr) std::abort();
-  Input input(data, size);
+  size_t position = 0;
+  auto byte = [&] { return position < size ? data[position++] : uint8_t{0}; };
   OlmTest::FakeRuntime runtime;
   AaConfigEarlyStartup();
   SicFtpFwEu forwarder;
-  while (!input.atEnd()) {
-    const uint16_t id = kIds[input.byte() % (sizeof(kIds) / sizeof(kIds[0]))];
-    chooseMasterTag(input.byte());
-    const uint32_t sender = kSenders[input.byte() % (sizeof(kSenders) / sizeof(kSenders[0]))];
-    const uint8_t envelope = input.byte() & AASYSCOM_MEF_MASK;
-    const uint32_t payloadSize = input.word() & kMaxPayload;
+  while (position < size) {
+    const uint16_t id = kIds[byte() % (sizeof(kIds) / sizeof(kIds[0]))];
+    chooseMasterTag(byte());
+    const uint32_t sender = kSenders[byte() % (sizeof(kSenders) / sizeof(kSenders[0]))];
+    const uint8_t envelope = byte() & AASYSCOM_MEF_MASK;
+    const uint32_t low = byte();
+    const uint32_t payloadSize = (low | uint32_t{byte()} << 8) & kMaxPayload;
     void* msg = AaSysComMsgCreate(id, static_cast<TAaSysComMsgSize>(payloadSize), kForwarderAddress);
-    input.bytes(static_cast<uint8_t*>(AaSysComMsgGetPayload(msg)), payloadSize);
+    auto* payload = static_cast<uint8_t*>(AaSysComMsgGetPayload(msg));
+    for (uint32_t i = 0; i < payloadSize; ++i) payload[i] = byte();
     AaSysComMsgSetSender(msg, sender);
     pointIntoOwnMemory(msg, memory);
     Olm::msgHeader(msg)->flags = static_cast<uint16_t>((Olm::msgHeader(msg)->flags & ~AASYSCOM_MEF_MASK) | envelope);

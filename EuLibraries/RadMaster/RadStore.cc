@@ -85,12 +85,3 @@ std::vector<uint16_t> RadStore::domainsOf(uint16_t node) const {
   }
   return domains;
 }
-
-std::vector<uint16_t> RadStore::nodes() const {
-  std::vector<uint16_t> nodes;
-  for (const auto& entry : m_domains) {
-    const auto node = static_cast<uint16_t>(entry.first >> 16);
-    if (nodes.empty() || nodes.back() != node) nodes.push_back(node);
-  }
-  return nodes;
-}

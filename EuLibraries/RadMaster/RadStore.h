@@ -41,8 +41,6 @@ class RadStore {
 
   // The domains of the node, in domain order.
   std::vector<uint16_t> domainsOf(uint16_t node) const;
-  // The nodes with at least one domain, in node order.
-  std::vector<uint16_t> nodes() const;
 
  private:
   static uint32_t key(uint16_t node, uint16_t domain) { return uint32_t{node} << 16 | domain; }

@@ -38,16 +38,6 @@ TEST(RadStore, ARegistrationAgainKeepsTheMastersValuesAndTakesTheSlavesForNewInd
   EXPECT_EQ(store.find(kNode, 5)->size(), 1u) << "indexes the slave no longer has are gone";
 }
 
-TEST(RadStore, SettingValuesWritesTheKnownIndexesAndSaysWhetherAllWereKnown) {
-  RadStore store;
-  store.registerDomain(kNode, 5, {{1, 10, 10}});
-  EXPECT_FALSE(store.setValues(kNode, 5, {{1, 0, 11}, {2, 0, 22}}));
-  EXPECT_EQ(valueOf(store, kNode, 5, 1), 11u);
-  EXPECT_EQ(valueOf(store, kNode, 5, 2), 0xBEEFu);
-  EXPECT_FALSE(store.setValues(kNode, 6, {{1, 0, 11}}));
-  EXPECT_EQ(store.find(kNode, 6), nullptr);
-}
-
 TEST(RadStore, DefaultsComeBackInEveryDomainOfThatNodeOnly) {
   RadStore store;
   store.registerDomain(kNode, 1, {{0x41, 0xFFFFFFFF, 0}});
@@ -57,32 +47,6 @@ TEST(RadStore, DefaultsComeBackInEveryDomainOfThatNodeOnly) {
   EXPECT_EQ(valueOf(store, kNode, 1, 0x41), 0xFFFFFFFFu);
   EXPECT_EQ(valueOf(store, kNode, 5, 1), 10u);
   EXPECT_EQ(valueOf(store, kOtherNode, 5, 1), 12u);
-}
-
-TEST(RadStore, ADomainLearntFromTheSlavesAnswersInEitherOrderHasBothDefaultsAndValues) {
-  RadStore store;
-  store.learnValues(kNode, 5, {{1, 0, 11}});
-  store.learnDefaults(kNode, 5, {{1, 10, 10}, {2, 20, 20}});
-  store.learnDefaults(kOtherNode, 5, {{1, 10, 10}});
-  store.learnValues(kOtherNode, 5, {{1, 0, 13}});
-  const RadStore::Domain& domain = *store.find(kNode, 5);
-  ASSERT_EQ(domain.size(), 2u);
-  EXPECT_EQ(domain[0].defaultValue, 10u);
-  EXPECT_EQ(domain[0].value, 11u);
-  EXPECT_EQ(domain[1].value, 20u) << "a default without a value yet is the value";
-  EXPECT_EQ(valueOf(store, kOtherNode, 5, 1), 13u);
-}
-
-TEST(RadStore, UnregisteringRemovesOneDomainAndNodesListEachNodeOnce) {
-  RadStore store;
-  store.registerDomain(kOtherNode, 3, {});
-  store.registerDomain(kNode, 5, {});
-  store.registerDomain(kNode, 1, {});
-  EXPECT_EQ(store.domainsOf(kNode), (std::vector<uint16_t>{1, 5}));
-  EXPECT_EQ(store.nodes(), (std::vector<uint16_t>{kNode, kOtherNode}));
-  EXPECT_TRUE(store.unregisterDomain(kNode, 5));
-  EXPECT_FALSE(store.unregisterDomain(kNode, 5));
-  EXPECT_EQ(store.domainsOf(kNode), (std::vector<uint16_t>{1}));
 }
 
 }  // namespace

@@ -14,8 +14,6 @@
 #include <vector>
 
 #include "NodeProcess.h"
-#include "RhyddalHost.h"
-#include "RhyddalPhysicalMemory.h"
 #include "TestNamespace.h"
 
 namespace {
@@ -57,21 +55,6 @@ class NodeBrokerServer : public ::testing::Test {
   const unsigned m_driver = OlmTest::nextTestNid();
 };
 
-// Whether the host platform's queue table shows the node as live: what the server reads at start.
-bool shownLive(unsigned nid) {
-  const char* file = rhyddal_host_physical_memory_path();
-  const int fd = file != nullptr ? open(file, O_RDONLY) : -1;
-  if (fd < 0) return false;
-  void* table = mmap(nullptr, RHYDDAL_QUEUE_TABLE_BYTES, PROT_READ, MAP_SHARED, fd, RHYDDAL_QUEUE_TABLE_PHYSICAL);
-  close(fd);
-  if (table == MAP_FAILED) return false;
-  const auto* words = static_cast<const volatile uint32_t*>(table);
-  const uint32_t index = nid & (RHYDDAL_QUEUE_COUNT - 1);
-  const bool live = words[index * RHYDDAL_QUEUE_RECORD_WORDS + RHYDDAL_QUEUE_WORD_NID] == nid;
-  munmap(table, RHYDDAL_QUEUE_TABLE_BYTES);
-  return live;
-}
-
 // Lines of different nodes come in any order: whether text was printed times times in all, by
 // now or soon.
 bool printed(NodeProcess& node, const std::string& text, size_t times = 1) {
@@ -79,15 +62,6 @@ bool printed(NodeProcess& node, const std::string& text, size_t times = 1) {
   while (node.countOutput(text) < times) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     node.waitForOutput("\n", kPollPeriod);
-  }
-  return true;
-}
-
-bool waitUntilShownLive(unsigned nid) {
-  const auto deadline = std::chrono::steady_clock::now() + kLivenessTimeout;
-  while (!shownLive(nid)) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(kPollPeriod);
   }
   return true;
 }
@@ -141,7 +115,7 @@ TEST_F(NodeBrokerServer, ARestartedNodeIsForgottenAndSubscribesAfresh) {
 TEST_F(NodeBrokerServer, AServerStartedAfterTheNodesAsksThemToAnnounceThemselves) {
   auto nodeA = startNode(m_a);
   auto nodeB = startNode(m_b);
-  ASSERT_TRUE(waitUntilShownLive(m_a) && waitUntilShownLive(m_b));
+  ASSERT_TRUE(OlmTest::waitUntilShownLive(m_a) && OlmTest::waitUntilShownLive(m_b));
   auto server = startServer();
   EXPECT_TRUE(printed(*server, announced(m_a))) << server->output();
   EXPECT_TRUE(printed(*server, announced(m_b))) << server->output();

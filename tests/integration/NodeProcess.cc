@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,12 +13,19 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <thread>
+
+#include "RhyddalHost.h"
+#include "RhyddalPhysicalMemory.h"
 
 extern char** environ;
 
 namespace OlmTest {
 
 namespace {
+
+constexpr auto kShownLivePollPeriod = std::chrono::milliseconds(10);
+constexpr auto kShownLiveTimeout = std::chrono::seconds(10);
 
 // A node stopped by SIGINT or SIGTERM exits from the signal handler, so that the atexit handlers
 // run (the host platform removes the node's mailbox in one, allocating). A thread-sanitized node
@@ -167,6 +175,29 @@ std::string hex(unsigned value) {
   char text[16];
   std::snprintf(text, sizeof(text), "0x%04x", value);
   return text;
+}
+
+bool shownLive(unsigned nid) {
+  const char* file = rhyddal_host_physical_memory_path();
+  const int fd = file != nullptr ? open(file, O_RDONLY) : -1;
+  if (fd < 0) return false;
+  void* table = mmap(nullptr, RHYDDAL_QUEUE_TABLE_BYTES, PROT_READ, MAP_SHARED, fd, RHYDDAL_QUEUE_TABLE_PHYSICAL);
+  close(fd);
+  if (table == MAP_FAILED) return false;
+  const auto* words = static_cast<const volatile uint32_t*>(table);
+  const uint32_t index = nid & (RHYDDAL_QUEUE_COUNT - 1);
+  const bool live = words[index * RHYDDAL_QUEUE_RECORD_WORDS + RHYDDAL_QUEUE_WORD_NID] == nid;
+  munmap(table, RHYDDAL_QUEUE_TABLE_BYTES);
+  return live;
+}
+
+bool waitUntilShownLive(unsigned nid) {
+  const auto deadline = std::chrono::steady_clock::now() + kShownLiveTimeout;
+  while (!shownLive(nid)) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(kShownLivePollPeriod);
+  }
+  return true;
 }
 
 }  // namespace OlmTest

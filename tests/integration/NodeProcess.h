@@ -67,6 +67,10 @@ std::string runtimeLibraryPath();
 std::string historyLogFileName(unsigned nid);
 // "0x%04x", as node ids are written on the command line and in the nodes' output.
 std::string hex(unsigned value);
+// Whether the host platform's queue table shows the node as live, as EU libraries that look for
+// the running nodes read it at their start; waitUntilShownLive waits up to ten seconds for that.
+bool shownLive(unsigned nid);
+bool waitUntilShownLive(unsigned nid);
 
 
 }  // namespace OlmTest

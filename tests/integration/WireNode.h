@@ -1,0 +1,51 @@
+// A node that the test itself serves on the host platform, speaking SysCom messages directly,
+// without a runtime: a tool, or a stand-in for a peer, in a child process of the test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace OlmTest {
+
+class WireNode {
+ public:
+  struct Message {
+    uint16_t id;
+    uint32_t receiver;
+    uint32_t sender;
+    std::vector<uint8_t> payload;
+    // The payload as 32-bit words (host order), a partial last word left out.
+    std::vector<uint32_t> words() const;
+  };
+
+  // Serves nid; ok() says whether the platform took it.
+  explicit WireNode(uint16_t nid);
+  bool ok() const { return m_ok; }
+  uint16_t nid() const { return m_nid; }
+
+  // A message in host order (APF 1) with the payload given.
+  bool send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size);
+  bool send(uint16_t id, uint32_t receiver, uint32_t sender, const std::vector<uint32_t>& words);
+  // The next message of that id to this node, dropping others (system log lines and the like);
+  // false when none came within fifteen seconds.
+  bool receive(uint16_t id, Message& message);
+  // The next message of any id.
+  bool receiveAny(Message& message);
+
+ private:
+  bool receiveWhere(const std::function<bool(uint16_t)>& wanted, Message& message);
+
+  uint16_t m_nid;
+  bool m_ok = false;
+};
+
+// Runs body in a child process (startChild gives its id) and gives its exit status: body's result,
+// or -1 when the child did not end normally. A failing body says why on standard error.
+pid_t startChild(const std::function<int()>& body);
+int exitStatusOf(pid_t child);
+int exitStatusOfChild(const std::function<int()>& body);
+
+}  // namespace OlmTest

@@ -97,6 +97,7 @@ TEST_F(NodeBrokerServer, LateSubscribersAreServedFromThePublishersStoreAndOneSho
 }
 
 TEST_F(NodeBrokerServer, ARestartedNodeIsForgottenAndSubscribesAfresh) {
+  if (!OlmTest::deadLockOwnersAreDetected()) GTEST_SKIP() << "no robust futex lists here: a stopped node looks alive";
   auto server = startServer();
   auto nodeB = startNode(m_b, "sub0");
   ASSERT_TRUE(printed(*server, subscribed(m_b))) << server->output();

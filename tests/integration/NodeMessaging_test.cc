@@ -55,16 +55,8 @@ TEST(NodeMessaging, SendingToANodeThatIsNotRunningDropsTheMessagesAndTheSenderCa
   EXPECT_TRUE(nodeA->waitForOutput("pong #")) << nodeA->output();
 }
 
-// A killed node is recognised by its locks passing to the next locker (robust futex lists), which
-// user-mode emulation does not implement.
-bool deadLockOwnersAreDetected() {
-  void* head = nullptr;
-  size_t length = 0;
-  return syscall(SYS_get_robust_list, 0, &head, &length) == 0;
-}
-
 TEST(NodeMessaging, NodeKilledAndRestartedWhilePeerKeepsSendingIsReachedAgain) {
-  if (!deadLockOwnersAreDetected()) GTEST_SKIP() << "no robust futex lists here: a killed node looks alive";
+  if (!OlmTest::deadLockOwnersAreDetected()) GTEST_SKIP() << "no robust futex lists here: a killed node looks alive";
   const unsigned a = OlmTest::nextTestNid(), b = OlmTest::nextTestNid();
   auto nodeA = startPingNode(a, b, true);
   auto nodeB = startPingNode(b, a);

@@ -69,6 +69,11 @@ std::string historyLogFileName(unsigned nid);
 std::string hex(unsigned value);
 // Whether the host platform's queue table shows the node as live, as EU libraries that look for
 // the running nodes read it at their start; waitUntilShownLive waits up to ten seconds for that.
+// A node that has gone (killed, or stopped by a signal) is recognised by its locks passing to the
+// next locker (robust futex lists), which user-mode emulation does not implement: there a node
+// restarted under the same id is not reached again.
+bool deadLockOwnersAreDetected();
+
 bool shownLive(unsigned nid);
 bool waitUntilShownLive(unsigned nid);
 

@@ -125,6 +125,7 @@ TEST(NodeRadMaster, ClientSetsReachTheNodeAndSurviveItsRestart) {
 }
 
 TEST(NodeRadMaster, ARestartedMasterLearnsTheDomainsOfTheRunningNodes) {
+  if (!OlmTest::deadLockOwnersAreDetected()) GTEST_SKIP() << "no robust futex lists here: a stopped node looks alive";
   const uint16_t masterNid = OlmTest::nextTestNid();
   const uint16_t nid = OlmTest::nextTestNid();
   auto master = startMaster(masterNid);

@@ -41,6 +41,7 @@ WireClient::Message copyOf(const void* received) {
 
 std::vector<uint32_t> WireClient::Message::words() const {
   std::vector<uint32_t> words(payload.size() / sizeof(uint32_t));
+  if (words.empty()) return words;
   std::memcpy(words.data(), payload.data(), words.size() * sizeof(uint32_t));
   const bool little = littleEndianWords(flags);
   for (uint32_t& word : words) word = little ? le32toh(word) : be32toh(word);

@@ -15,7 +15,9 @@ install(TARGETS ${OLM_INSTALL_TARGETS} EXPORT OlmLiteRtTargets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
 install(FILES ${OLM_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
 # EU libraries of ours that a master node loads: plugins, so not part of the CMake package.
-install(TARGETS BrokerServer LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/olmlite)
+install(TARGETS BrokerServer RadMaster LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/olmlite)
+# The operator tool, beside OLMLiteExe; it links the platform library only.
+install(TARGETS olmctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 install(EXPORT OlmLiteRtTargets NAMESPACE OlmLiteRt:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OlmLiteRt)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/OlmLiteRtConfig.cmake.in

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Builds the runtime and starts a small system on this host: the master node 0x10F0 with the
-# broker server, two nodes, 0x1011 and 0x1012, each running the example PingEu and NewsEu
-# libraries, and their group's system log collector, node 0x101D. Each ping node pings the other
-# every second and prints what it gets, stamped with the LTE time; every two seconds each publishes
-# its news in the system zone and prints the news it receives, its own and the other node's,
-# through the broker server; the collector prints the nodes' system log lines. Ctrl-C stops them
-# all.
+# broker server and the R&D master, two nodes, 0x1011 and 0x1012, each running the example PingEu
+# and NewsEu libraries, and their group's system log collector, node 0x101D. Each ping node pings
+# the other every second and prints what it gets, stamped with the LTE time; every two seconds each
+# publishes its news in the system zone and prints the news it receives, its own and the other
+# node's, through the broker server; the collector prints the nodes' system log lines. Ctrl-C stops
+# them all. While it runs, build/native/Tools/Olmctl/olmctl reads and changes the nodes' R&D
+# parameters (olmctl rad get 0x1011 50).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup-debian.sh"
@@ -16,6 +17,7 @@ exe="$build_dir/Realtime/Executable/OLMLiteExe"
 eu="$build_dir/examples/PingEu/libPingEu.so"
 news_eu="$build_dir/examples/NewsEu/libNewsEu.so"
 server_eu="$build_dir/EuLibraries/BrokerServer/libBrokerServer.so"
+rad_master_eu="$build_dir/EuLibraries/RadMaster/libRadMaster.so"
 master=0x10F0
 log_eu="$build_dir/examples/SysLogPrinterEu/libSysLogPrinterEu.so"
 pids=()
@@ -37,7 +39,7 @@ start_node() {
 # nodes subscribe to the news as they start.
 master_log=$(mktemp)
 OLM_BROKER_SERVER_VERBOSE=${OLM_BROKER_SERVER_VERBOSE:-0} "$exe" --nid $master --masternid $master --wait 1000 \
-  --load-local "$server_eu" > >(tee "$master_log" | sed -u "s/^/$master | /") 2>&1 &
+  --load-local "$server_eu" --load-local "$rad_master_eu" > >(tee "$master_log" | sed -u "s/^/$master | /") 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do
   grep -q "serving the system zone" "$master_log" && break

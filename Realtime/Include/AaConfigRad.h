@@ -96,7 +96,8 @@ uint32_t AaConfigEeShutdown(void);
 /* AACONFIG_RAD_SLAVE_CPID. */
 uint32_t AaConfigSlaveGetCpid(void);
 /* The init function of domain 1, the runtime's own: 65771 passed as tag count, of which the low 16
- * bits declare 235 tags, the names and defaults of indices 0 to 152 (149 has none). Pass it as
+ * bits declare 235 tags, the names and defaults of indices 0 to 152 (149 has none; the list is
+ * AACONFIG_RAD_OLM_TAGS in AaConfigRadOlmDomain.h). Pass it as
  * AaConfigRadRegisterDomain(AACONFIG_RAD_OLM_DOMAIN, AACONFIG_RAD_OLM_DOMAIN_NAME, it). */
 void AaConfigRadOlmDomainInit(void);
 

@@ -28,6 +28,7 @@ namespace {
 
 constexpr auto kShownLivePollPeriod = std::chrono::milliseconds(10);
 constexpr auto kShownLiveTimeout = std::chrono::seconds(10);
+constexpr auto kProgramRunLimit = std::chrono::minutes(1);
 
 // A node stopped by SIGINT or SIGTERM exits from the signal handler, so that the atexit handlers
 // run (the host platform removes the node's mailbox in one, allocating). A thread-sanitized node
@@ -36,6 +37,15 @@ void allowExitFromStopSignal() {
   const char* const options = std::getenv("TSAN_OPTIONS");
   const std::string allowed = std::string(options != nullptr ? options : "") + " report_signal_unsafe=0";
   setenv("TSAN_OPTIONS", allowed.c_str(), 1);
+}
+
+// In a child process: becomes the program of command[0]; exit status 127 when that fails.
+[[noreturn]] void execCommand(const std::vector<std::string>& command) {
+  std::vector<char*> argv;
+  for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  execv(argv[0], argv.data());
+  _exit(127);
 }
 
 }  // namespace
@@ -59,11 +69,7 @@ NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector
     allowExitFromStopSignal();
     for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
     if (inChild) inChild();
-    std::vector<char*> argv;
-    for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
+    execCommand(command);
   }
   close(fds[1]);
   m_outputFd = fds[0];
@@ -200,6 +206,58 @@ bool waitUntilShownLive(unsigned nid) {
     std::this_thread::sleep_for(kShownLivePollPeriod);
   }
   return true;
+}
+
+namespace {
+
+// Reads both pipes until they are closed; false when that takes longer than the limit.
+bool drain(int outFd, int errFd, std::string& out, std::string& err) {
+  const auto deadline = std::chrono::steady_clock::now() + kProgramRunLimit;
+  pollfd pipes[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
+  std::string* texts[2] = {&out, &err};
+  while (pipes[0].fd >= 0 || pipes[1].fd >= 0) {
+    const auto left = deadline - std::chrono::steady_clock::now();
+    const int leftMs = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
+    if (leftMs <= 0 || poll(pipes, 2, leftMs) <= 0) return false;
+    for (int i = 0; i < 2; ++i) {
+      if (pipes[i].fd < 0 || pipes[i].revents == 0) continue;
+      char buffer[4096];
+      const ssize_t n = read(pipes[i].fd, buffer, sizeof(buffer));
+      if (n > 0) {
+        texts[i]->append(buffer, static_cast<size_t>(n));
+      } else {
+        pipes[i].fd = -1;
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+ProgramRun runProgram(const std::vector<std::string>& command) {
+  ProgramRun run;
+  int outPipe[2], errPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0) return run;
+  if (pipe2(errPipe, O_CLOEXEC) != 0) {
+    close(outPipe[0]);
+    close(outPipe[1]);
+    return run;
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(outPipe[1], STDOUT_FILENO);
+    dup2(errPipe[1], STDERR_FILENO);
+    execCommand(command);
+  }
+  close(outPipe[1]);
+  close(errPipe[1]);
+  if (child > 0 && !drain(outPipe[0], errPipe[0], run.out, run.err)) ::kill(child, SIGKILL);
+  close(outPipe[0]);
+  close(errPipe[0]);
+  int status = 0;
+  if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status)) run.status = WEXITSTATUS(status);
+  return run;
 }
 
 bool deadLockOwnersAreDetected() {

@@ -77,5 +77,13 @@ bool deadLockOwnersAreDetected();
 bool shownLive(unsigned nid);
 bool waitUntilShownLive(unsigned nid);
 
+// A program run to its end: its exit status (-1 when it did not exit normally, or was killed
+// after a minute) and what it wrote to standard output and to standard error.
+struct ProgramRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+ProgramRun runProgram(const std::vector<std::string>& command);
 
 }  // namespace OlmTest

@@ -1,5 +1,6 @@
 // A node that the test itself serves on the host platform, speaking SysCom messages directly,
-// without a runtime: a tool, or a stand-in for a peer, in a child process of the test.
+// without a runtime: a tool, or a stand-in for a peer, in a child process of the test. It is the
+// operator tool's client (Tools/Olmctl/WireClient.h) with the tests' generous wait.
 #pragma once
 
 #include <sys/types.h>
@@ -8,27 +9,26 @@
 #include <functional>
 #include <vector>
 
+#include "WireClient.h"
+
 namespace OlmTest {
 
 class WireNode {
  public:
-  struct Message {
-    uint16_t id;
-    uint32_t receiver;
-    uint32_t sender;
-    std::vector<uint8_t> payload;
-    // The payload as 32-bit words (host order), a partial last word left out.
-    std::vector<uint32_t> words() const;
-  };
+  using Message = Olmctl::WireClient::Message;
 
   // Serves nid; ok() says whether the platform took it.
-  explicit WireNode(uint16_t nid);
-  bool ok() const { return m_ok; }
-  uint16_t nid() const { return m_nid; }
+  explicit WireNode(uint16_t nid) : m_client(nid) {}
+  bool ok() const { return m_client.ok(); }
+  uint16_t nid() const { return m_client.nid(); }
 
   // A message in host order (APF 1) with the payload given.
-  bool send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size);
-  bool send(uint16_t id, uint32_t receiver, uint32_t sender, const std::vector<uint32_t>& words);
+  bool send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size) {
+    return m_client.send(id, receiver, sender, payload, size) == 0;
+  }
+  bool send(uint16_t id, uint32_t receiver, uint32_t sender, const std::vector<uint32_t>& words) {
+    return m_client.send(id, receiver, sender, words) == 0;
+  }
   // The next message of that id to this node, dropping others (system log lines and the like);
   // false when none came within fifteen seconds.
   bool receive(uint16_t id, Message& message);
@@ -36,10 +36,7 @@ class WireNode {
   bool receiveAny(Message& message);
 
  private:
-  bool receiveWhere(const std::function<bool(uint16_t)>& wanted, Message& message);
-
-  uint16_t m_nid;
-  bool m_ok = false;
+  Olmctl::WireClient m_client;
 };
 
 // Runs body in a child process (startChild gives its id) and gives its exit status: body's result,

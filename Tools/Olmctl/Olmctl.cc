@@ -1,0 +1,87 @@
+// olmctl: the operator tool. It joins the system as a node of its own (a free node id of
+// 0x1FF0..0x1FF7 unless --nid names one) and talks to the nodes and to the counterparts on the
+// master node with their own messages; it needs no runtime.
+//
+//   olmctl rad get 0x1011 50          olmctl --help          olmctl rad --help
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "Command.h"
+#include "CommandLine.h"
+#include "Output.h"
+#include "RadCommand.h"
+
+namespace {
+
+using Olmctl::Command;
+
+constexpr char kUsage[] = "Usage: olmctl [OPTIONS] COMMAND [ARGUMENTS]\n";
+
+constexpr char kIntroduction[] =
+    "\n"
+    "Looks at and changes the nodes of a running system from this host, as a node of its own.\n"
+    "\n"
+    "Commands:\n";
+
+constexpr char kCommonOptions[] =
+    "\n"
+    "Options (anywhere on the line, before a \"--\"):\n"
+    "  --timeout MS  how long to wait for the answers to each request (default 2000)\n"
+    "  --master NID  the master node, where the R&D master runs (default $OLM_MASTER_NID,\n"
+    "                else 0x10f0)\n"
+    "  --nid NID     the tool's own node id (default: the first free of 0x1ff0 to 0x1ff7)\n"
+    "  --json        output for scripts, one JSON object\n"
+    "  -h, --help    this text; \"olmctl COMMAND --help\" for a command\n"
+    "\n"
+    "Numbers are decimal or 0x-hexadecimal. Exit status: 0 done, 1 failed (one line on standard\n"
+    "error: an unknown node, no answer within the timeout, a refusal), 2 malformed command line.\n";
+
+const Command* const kCommands[] = {&Olmctl::radCommand()};
+
+const Command* findCommand(const std::string& name) {
+  for (const Command* command : kCommands) {
+    if (name == command->name) return command;
+  }
+  return nullptr;
+}
+
+void printHelp() {
+  std::string text = std::string(kUsage) + kIntroduction;
+  for (const Command* command : kCommands) text += command->summary;
+  Olmctl::printOut(text + kCommonOptions);
+}
+
+// The error, the usage of the command meant (or of the tool) and where to read more.
+int usageError(const std::string& error, const Command* command) {
+  const std::string more = command != nullptr ? std::string("olmctl ") + command->name + " --help" : "olmctl --help";
+  std::fprintf(stderr, "olmctl: %s\n%sTry '%s'.\n", error.c_str(), command != nullptr ? command->usage : kUsage,
+               more.c_str());
+  return Olmctl::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Olmctl::CommandLine line;
+  std::string error;
+  if (!Olmctl::parseCommandLine({argv + 1, argv + argc}, std::getenv(Olmctl::kMasterNidVariable), line, error)) {
+    return usageError(error, nullptr);
+  }
+  if (line.words.empty()) {
+    if (!line.options.help) return usageError("no command given", nullptr);
+    printHelp();
+    return Olmctl::kExitOk;
+  }
+  const Command* command = findCommand(line.words[0]);
+  if (command == nullptr) return usageError("unknown command '" + line.words[0] + "'", nullptr);
+  if (line.options.help) {
+    Olmctl::printOut(std::string(command->help) + kCommonOptions);
+    return Olmctl::kExitOk;
+  }
+  const Olmctl::Outcome outcome = command->run(line.options, {line.words.begin() + 1, line.words.end()});
+  if (outcome.status == Olmctl::kExitUsage) return usageError(outcome.message, command);
+  if (outcome.status != Olmctl::kExitOk) std::fprintf(stderr, "olmctl: %s\n", outcome.message.c_str());
+  return outcome.status;
+}

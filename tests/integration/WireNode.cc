@@ -29,15 +29,21 @@ WireNode::WireNode(uint16_t nid) : m_nid(nid) {
   m_ok = vak_em_server_init(nid, kNoCpu, 0, &handle) == 0;
 }
 
-bool WireNode::send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size) {
+void* WireNode::newMessage(uint16_t id, uint32_t receiver, uint32_t sender, uint32_t size) {
   auto* header = static_cast<SAaSysComMsgHeader*>(vakem_alloc(sizeof(SAaSysComMsgHeader) + size));
-  if (header == nullptr) return false;
+  if (header == nullptr) return nullptr;
   std::memset(header, 0, sizeof(*header));
   header->msgId = id;
   header->receiver = receiver;
   header->sender = sender;
   header->flags = AASYSCOM_APF_HOST_WORDS << AASYSCOM_APF_SHIFT;
   header->totalLength = static_cast<uint16_t>(sizeof(*header) + size);
+  return header;
+}
+
+bool WireNode::send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size) {
+  auto* header = static_cast<SAaSysComMsgHeader*>(newMessage(id, receiver, sender, size));
+  if (header == nullptr) return false;
   if (size != 0) std::memcpy(header + 1, payload, size);
   if (vakem_send(header, receiver) == 0) return true;
   vakem_free(header);

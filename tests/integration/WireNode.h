@@ -26,6 +26,9 @@ class WireNode {
   bool ok() const { return m_ok; }
   uint16_t nid() const { return m_nid; }
 
+  // A buffer with a header in host order (APF 1) for a payload of size bytes, the payload left to
+  // the caller; null when no buffer is left.
+  static void* newMessage(uint16_t id, uint32_t receiver, uint32_t sender, uint32_t size);
   // A message in host order (APF 1) with the payload given.
   bool send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size);
   bool send(uint16_t id, uint32_t receiver, uint32_t sender, const std::vector<uint32_t>& words);

@@ -76,8 +76,15 @@ void BridgeInbound::expireSilentPeers(uint64_t nowNs) {
 
 // The routing id is the peer's endpoint, compared as bytes: it need not be a C string.
 uint8_t BridgeInbound::peerOf(const Frame& routingId) const {
-  const uint8_t host = map_.hostWithEndpoint(std::string(static_cast<const char*>(routingId.data), routingId.size));
-  return host == ownHost_ ? NodeMap::kNoHost : host;
+  const std::vector<MappedHost>& hosts = map_.hosts();
+  for (size_t host = 0; host < hosts.size(); ++host) {
+    const std::string& endpoint = hosts[host].endpoint;
+    if (host != ownHost_ && endpoint.size() == routingId.size &&
+        std::memcmp(endpoint.data(), routingId.data, routingId.size) == 0) {
+      return static_cast<uint8_t>(host);
+    }
+  }
+  return NodeMap::kNoHost;
 }
 
 void BridgeInbound::handleMessage(uint8_t peer, const Frame& message, uint64_t nowNs) {

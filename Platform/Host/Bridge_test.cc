@@ -122,6 +122,47 @@ TEST(Bridge, SendsToANodeNotRunningOrOnAHostThatIsDownFailAtOnce) {
   EXPECT_EQ(local.wait(), 0);
 }
 
+// The first node of host 1 runs its bridge; when it is killed, the second node's process takes the
+// bridge over and reaches host 2 again, without anything restarted.
+TEST(Bridge, WhenTheBridgesProcessDiesAnotherNodeOfTheHostTakesItOver) {
+  SKIP_WITHOUT_DEAD_OWNER_DETECTION();
+  constexpr uint32_t kMessages = 200;
+  const System system(2);
+  const uint16_t echoNid = System::nid(2, 1), firstNid = System::nid(1, 1), secondNid = System::nid(1, 2);
+  ChildProcess echo([&] {
+    system.enter(2);
+    if (becomeNode(echoNid) != 0) return 1;
+    const int rc = echoMessages(echoNid, kMessages, sendOnceReachable);
+    if (rc != 0) return rc;
+    pause();
+    return 0;
+  });
+  Rendezvous bridgeUp;
+  ChildProcess first([&] {
+    system.enter(1);
+    // Alone on its host, this process can only have reached host 2 through a bridge of its own.
+    void* probe = newMessage(64, sicAddress(echoNid, kCpid), sicAddress(firstNid, kCpid), 0);
+    const bool reached = becomeNode(firstNid) == 0 && sendOnceReachable(probe, sicAddress(echoNid, kCpid)) == 0;
+    bridgeUp.notify(reached ? 1 : 2);
+    pause();
+    return 0;
+  });
+  ASSERT_EQ(bridgeUp.waitFor(), 1u);
+  Rendezvous secondUp, go;
+  ChildProcess second([&] {
+    system.enter(1);
+    secondUp.notify(becomeNode(secondNid) == 0 ? 1 : 2);
+    if (go.waitFor() != 1) return 20;
+    // The probe was echoed to the first node; the rest come here.
+    return exchangeWithEcho(secondNid, echoNid, kMessages - 1, 4, sendOnceReachable);
+  });
+  ASSERT_EQ(secondUp.waitFor(), 1u);
+  EXPECT_EQ(first.kill(), 128 + SIGKILL);
+  go.notify();
+  EXPECT_EQ(second.wait(), 0);
+  EXPECT_EQ(echo.kill(), 128 + SIGKILL);
+}
+
 TEST(Bridge, ANodeRefusesToStartWithAMapThatIsWrongOrDoesNotPlaceIt) {
   const System good(2);
   ChildProcess unplaced([&] {

@@ -211,13 +211,6 @@ bool NodeMap::load(const std::string& path, NodeMap* map, std::vector<std::strin
   return parse(text, map, errors);
 }
 
-uint8_t NodeMap::hostWithEndpoint(const std::string& endpoint) const {
-  for (size_t i = 0; i < hosts_.size(); ++i) {
-    if (hosts_[i].endpoint == endpoint) return static_cast<uint8_t>(i);
-  }
-  return kNoHost;
-}
-
 bool NodeMap::hasKeys() const {
   return !secretKey_.empty() || std::any_of(hosts_.begin(), hosts_.end(), [](const MappedHost& host) {
            return !host.publicKey.empty();

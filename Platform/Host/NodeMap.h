@@ -38,8 +38,6 @@ class NodeMap {
   // Index into hosts() of the host nid lives on, kNoHost for a node id on no line.
   uint8_t hostOf(uint16_t nid) const { return hostByNid_.empty() ? kNoHost : hostByNid_[nid]; }
   const std::vector<MappedHost>& hosts() const { return hosts_; }
-  // Index of the host with this endpoint, kNoHost when none.
-  uint8_t hostWithEndpoint(const std::string& endpoint) const;
   const std::string& secretKey() const { return secretKey_; }
   bool hasKeys() const;
 

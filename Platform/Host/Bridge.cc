@@ -38,9 +38,11 @@ constexpr int kReceiveHighWaterMark = 10000;
 // A list of running nodes is the largest frame: two bytes for each of 65536 node ids.
 constexpr int64_t kMaxFrameBytes = 2 * 0x10000;
 // ZMTP heartbeats close a connection whose peer has stopped answering (a link gone, a host
-// halted) so that it is made again when the peer comes back.
-constexpr int kHeartbeatIntervalMs = 500;
-constexpr int kHeartbeatTimeoutMs = 1500;
+// halted) so that it is made again when the peer comes back. Closing one loses what it still
+// held, so the time-out is generous: a peer busy or starved of CPU for seconds is not gone.
+constexpr int kHeartbeatIntervalMs = 1000;
+constexpr int kHeartbeatTimeoutMs = 10000;
+constexpr uint32_t kForwardsBetweenClockReads = 64;
 constexpr uint64_t kBindRetryNs = 1000 * 1000 * 1000;
 constexpr uint64_t kNanosecondsPerMillisecond = 1000 * 1000;
 constexpr size_t kFramesKept = 4;  // one more than a valid message has, to tell "too many"
@@ -151,9 +153,12 @@ class Bridge {
         announceRunningNodes(localNodes);
         nextAnnounce = now + kAnnouncePeriodNs;
       }
-      while (void* message = mailbox_->pop(pool)) {
+      // Traffic that never lets up must not hold back the announcements: peers would count this
+      // host as down.
+      for (uint32_t forwarded = 1; void* message = mailbox_->pop(pool); ++forwarded) {
         forward(message);
         pool.release(message);
+        if (forwarded % kForwardsBetweenClockReads == 0 && monotonicNanoseconds() >= nextAnnounce) break;
       }
       now = monotonicNanoseconds();
       const uint64_t untilAnnounce = nextAnnounce > now ? nextAnnounce - now : 0;

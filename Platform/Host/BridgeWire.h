@@ -14,7 +14,8 @@ namespace rhyddal {
 
 constexpr uint8_t kLiveNodesTag = 1;
 constexpr uint64_t kAnnouncePeriodNs = 100 * 1000 * 1000;
-constexpr uint64_t kPeerSilenceNs = 1000 * 1000 * 1000;
+// Thirty announcements: a host whose bridge is only slow (starved of CPU) is not taken for down.
+constexpr uint64_t kPeerSilenceNs = uint64_t{3000} * 1000 * 1000;
 
 struct Frame {
   const void* data;

@@ -13,6 +13,12 @@
 #include "TestNamespace.h"
 
 namespace rhyddal {
+#if defined(__SANITIZE_THREAD__)
+// The bridges hand message bytes to and take them from libzmq, whose own synchronisation the
+// sanitizer cannot see (the library is not instrumented).
+extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:libzmq.so\nrace:libzmq.so\n"; }
+#endif
+
 namespace {
 
 using namespace testing;
@@ -69,7 +75,7 @@ int sendOnceReachable(void* message, uint32_t receiver) {
 // An echo node on host 2 sends back whatever comes; a node on host 1 sends messages of every size
 // with a few in flight and checks each echo, in order, byte for byte.
 TEST(Bridge, MessagesOfEverySizeCrossToAnotherHostAndBackInOrder) {
-  constexpr uint32_t kMessages = 3000;
+  constexpr uint32_t kMessages = 1000;
   constexpr uint32_t kInFlight = 8;
   const System system(2);
   const uint16_t echoNid = System::nid(2, 1), senderNid = System::nid(1, 1);

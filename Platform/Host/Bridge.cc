@@ -94,7 +94,8 @@ class Bridge {
     while (flock(fd, LOCK_EX) != 0) {
       if (errno != EINTR) return;
     }
-    if (lockFd_.load() == fd) serve();
+    // A bridge that cannot start leaves the role to a candidate that can.
+    if (lockFd_.load() == fd && !serve()) closeLock();
   }
 
   void closeLock() {
@@ -103,22 +104,23 @@ class Bridge {
   }
 
  private:
-  // Holds the role for the rest of the process's life. What a predecessor knew of other hosts may
-  // be stale: every remote node counts as unreachable until its host says otherwise.
-  void serve() {
+  // Holds the role for the rest of the process's life once it starts; false when it cannot. What
+  // a predecessor knew of other hosts may be stale: every remote node counts as unreachable until
+  // its host says otherwise.
+  bool serve() {
     int rc = RemoteNodes::open(&remote_);
     if (rc == 0) rc = Mailbox::createBridge(settings_.laneBytes, &mailbox_);
     context_ = rc == 0 ? zmq_ctx_new() : nullptr;
     if (context_ == nullptr) {
       std::fprintf(stderr, "rhyddal: no bridge to other hosts: %s\n", std::strerror(rc != 0 ? -rc : errno));
-      return;
+      return false;
     }
     remote_->clearAll();
     outbound_ = newRouterSocket(context_);
     inbound_ = newRouterSocket(context_);
     if (outbound_ == nullptr || inbound_ == nullptr) {
       std::fprintf(stderr, "rhyddal: no bridge to other hosts: %s\n", zmq_strerror(zmq_errno()));
-      return;
+      return false;
     }
     connectToOtherHosts();
     std::fprintf(stderr, "rhyddal: bridge of %s to %zu other hosts\n", endpointOf(own_).c_str(), map_.hosts().size() - 1);

@@ -97,16 +97,15 @@ class NodeHosts : public ::testing::Test {
   std::string m_map;
 };
 
-// Sends a message of length bytes, seq in its first payload word, retrying while its receiver is
+// Sends a message of length bytes whose payload depends on seq, retrying while its receiver is
 // not reachable yet; false when that lasts, or for any other failure.
 bool sendOnceReachable(WireNode& node, uint32_t receiver, uint32_t length, uint32_t seq) {
-  std::vector<uint8_t> payload(length - kHeaderBytes);
-  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(seq * 13 + i);
   const auto deadline = std::chrono::steady_clock::now() + kReachableWithin;
   for (;;) {
     void* message = WireNode::newMessage(kTestMsgId, receiver, sic(node.nid(), kTestCpid), length - kHeaderBytes);
     if (message == nullptr) return false;
-    std::memcpy(static_cast<uint8_t*>(message) + kHeaderBytes, payload.data(), payload.size());
+    auto* payload = static_cast<uint8_t*>(message) + kHeaderBytes;
+    for (uint32_t i = 0; i < length - kHeaderBytes; ++i) payload[i] = static_cast<uint8_t>(seq * 13 + i);
     const int rc = vakem_send(message, receiver);
     if (rc == 0) return true;
     vakem_free(message);

@@ -31,8 +31,9 @@ constexpr char kNodeMapVariable[] = "RHYDDAL_NODE_MAP";
 // The outbound thread copies each record out of its lane into one of these buffers and gives it
 // back as soon as ZeroMQ has taken the bytes: a few buffers in use at any time.
 constexpr uint64_t kBridgePoolBytes = uint64_t{8} << 20;
-// Messages queued per peer host before a send is dropped: a burst of two lanes' worth of small
-// messages, or 650 MiB of the largest, which TCP drains long before.
+// Messages queued per peer host before one is dropped: a sender's lane holds about 13000 of the
+// smallest, so most of a full lane goes through in one burst. Were they all of the largest size,
+// 650 MiB could queue, which only a link far slower than the senders would let happen.
 constexpr int kSendHighWaterMark = 10000;
 constexpr int kReceiveHighWaterMark = 10000;
 // A list of running nodes is the largest frame: two bytes for each of 65536 node ids.

@@ -99,13 +99,21 @@ int TestHost::run(const std::vector<std::string>& command) const {
   return child > 0 ? waitForStatus(child) : -1;
 }
 
+// A host is made, and a second child joins it, as the tests' processes will. Joining a mount
+// namespace takes a single-threaded process: a forked child of a process whose runtime keeps a
+// thread of its own in every child (the thread sanitizer's) cannot.
 std::string whyHostsCannotBeMade() {
   if (geteuid() != 0) return "making network namespaces needs root";
   if (access(kIpCommand, X_OK) != 0) return std::string(kIpCommand) + " is missing (Debian package iproute2)";
-  const pid_t probe = fork();
-  if (probe == 0) _exit(makePrivateNamespaces() ? 0 : errno);
-  const int status = waitForStatus(probe);
+  const pid_t maker = fork();
+  if (maker == 0) _exit(makePrivateNamespaces() ? 0 : errno);
+  const int status = waitForStatus(maker);
   if (status != 0) return std::string("network and mount namespaces cannot be made here: ") + std::strerror(status);
+  const TestHost probe;
+  if (!probe.ok()) {
+    return "a forked child of this process cannot join a host's mount namespace, which takes a single-threaded "
+           "process (the thread sanitizer keeps a thread of its own in every child)";
+  }
   return "";
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Prepares a cross build on Debian 12 with Debian's own packages: installs the cross compilers and
-# user-mode emulation where missing, and unpacks the target's libraries (libfuse 2, libunwind) into
+# user-mode emulation where missing, and unpacks the target's libraries (libfuse 2, libunwind, libzmq) into
 # <build-dir>/sysroot, the default root of cmake/toolchains/*.cmake.
 # Usage: scripts/setup-cross.sh armhf|arm64 <build-dir>
 #
@@ -24,8 +24,11 @@ case $arch in
   *) usage ;;
 esac
 # libunwind walks the call trace of the error reports; liblzma5 is its one dependency outside the
-# C library.
-target_packages=(libfuse2 libfuse-dev libunwind8 libunwind-dev liblzma5)
+# C library. libzmq carries messages to nodes of other hosts; the libraries after it are those it
+# is linked with (sodium, pgm, norm, GSSAPI with its Kerberos libraries, libbsd).
+target_packages=(libfuse2 libfuse-dev libunwind8 libunwind-dev liblzma5
+                 libzmq5 libzmq3-dev libsodium23 libpgm-5.3-0 libnorm1 libgssapi-krb5-2 libkrb5-3 libk5crypto3
+                 libcom-err2 libkrb5support0 libkeyutils1 libbsd0 libmd0)
 sysroot=$build_dir/sysroot
 apt_dir=$build_dir/cross-apt
 apt_options=(-q -o "APT::Architecture=$arch" -o "APT::Architectures=$arch"
@@ -80,6 +83,13 @@ relink_absolute_symlinks() {
   done < <(find "$sysroot" -type l -print0)
 }
 
+# libzmq.pc asks for the development files of every library libzmq links with (Kerberos, libxml2
+# and ICU among them), which pkg-config needs only for static linking. Everything here links
+# libzmq dynamically, so the sysroot's copy does without them.
+drop_private_requirements() {
+  sed -i '/^Requires.private:/d' "$sysroot"/usr/lib/"$triple"/pkgconfig/libzmq.pc
+}
+
 install_host_tools
 if sysroot_is_current; then
   echo "setup-cross: $sysroot is up to date"
@@ -89,5 +99,6 @@ read_target_indexes
 download_target_packages
 unpack_into_sysroot
 relink_absolute_symlinks
+drop_private_requirements
 echo "${target_packages[*]}" >"$sysroot/.packages"
 echo "setup-cross: unpacked ${target_packages[*]} ($arch) into $sysroot"

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 # Extra packages a caller needs may follow as arguments.
-packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev libunwind-dev libfuse-dev gdb procps "$@")
+packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev libunwind-dev libfuse-dev libzmq3-dev iproute2 gdb procps "$@")
 
 missing=()
 for package in "${packages[@]}"; do

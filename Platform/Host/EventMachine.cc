@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "Futex.h"
 #include "HostEnvironment.h"
@@ -78,8 +79,16 @@ int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
   if (handle == nullptr || nid > kMaxNid) return -EINVAL;
   ProcessLockGuard guard(lock_);
   if (ownMailbox_ != nullptr) return -EALREADY;
-  const int rc = Mailbox::create(static_cast<uint16_t>(nid), settings_.laneBytes, &ownMailbox_);
+  BridgeSettings bridge;
+  std::unique_ptr<RemoteNodes> remoteNodes;
+  int rc = nodeMapFromEnvironment(static_cast<uint16_t>(nid), &bridge);
+  if (rc == 0 && bridge.map != nullptr) rc = RemoteNodes::open(&remoteNodes);
+  if (rc == 0) rc = Mailbox::create(static_cast<uint16_t>(nid), settings_.laneBytes, &ownMailbox_);
   if (rc != 0) return rc;
+  bridge.laneBytes = settings_.laneBytes;
+  bridge_ = bridge;
+  remoteNodes_ = std::move(remoteNodes);
+  startBridgeCandidate(bridge_);
   if (timingPageInUse_.load()) ownMailbox_->markTimingPageInUse();
   ownNid_.store(nid, std::memory_order_relaxed);
   own_.store(ownMailbox_.get(), std::memory_order_release);
@@ -152,7 +161,14 @@ int EventMachine::sendLocked(void* message, uint32_t receiver) {
   if (message == nullptr || !pool_.inspect(message, &info)) return -EINVAL;
   const uint32_t length = sysComTotalLength(message);
   if (length < kSysComHeaderBytes || length > info.capacity) return -EMSGSIZE;
+  if (!headerAgreesOffHost(message, receiver)) return -EINVAL;
   return transmit(message, length, RecordKind::kMessage, nidOf(receiver));
+}
+
+// Across hosts a message travels to the node its header names (the bridges read nothing else), so
+// a receiver that names another node there would send it somewhere the caller did not ask for.
+bool EventMachine::headerAgreesOffHost(const void* message, uint32_t receiver) const {
+  return !placedOnOtherHost(nidOf(receiver)) || nidOf(sysComReceiver(message)) == nidOf(receiver);
 }
 
 int EventMachine::sendLocalUnreliable(void* message) {
@@ -168,6 +184,7 @@ int EventMachine::sendDirect(uint32_t event, uint32_t receiver) {
   BufferInfo info{};
   if (data == nullptr || !pool_.inspect(data, &info)) return -EINVAL;
   if (info.requestedBytes < kSysComHeaderBytes) return -EMSGSIZE;
+  if (!headerAgreesOffHost(data, receiver)) return -EINVAL;
   return transmit(data, info.requestedBytes, RecordKind::kRawEvent, nidOf(receiver));
 }
 
@@ -222,21 +239,37 @@ void EventMachine::unlinkOwnMailbox() {
 
 // On success the buffer is held by the pool, and a raw event's handle is gone.
 int EventMachine::transmit(void* buffer, uint32_t length, RecordKind kind, uint16_t nid) {
-  Mailbox* target = nullptr;
-  if (isLocal(nid)) {
-    target = own_.load(std::memory_order_acquire);
-    if (target == nullptr) return -ENOTCONN;
-  } else {
-    int error = 0;
-    target = directory_.find(nid, &error);
-    if (target == nullptr) return error;
-  }
+  int error = 0;
+  Mailbox* target = mailboxFor(nid, &error);
+  if (target == nullptr) return error;
   const int rc = pushResultCode(target->push(buffer, length, kind));
   if (rc != 0) return rc;
   uint32_t boundEvent = 0;
   pool_.hold(buffer, &boundEvent);
   if (boundEvent != 0) events_.unbind(boundEvent);
   return 0;
+}
+
+// A node on another host is reached through the bridge's mailbox, and only while the bridge says
+// it is reachable: otherwise the send fails as one to a dead local node does.
+Mailbox* EventMachine::mailboxFor(uint16_t nid, int* error) {
+  if (isLocal(nid)) {
+    Mailbox* own = own_.load(std::memory_order_acquire);
+    if (own == nullptr) *error = -ENOTCONN;
+    return own;
+  }
+  if (!placedOnOtherHost(nid)) return directory_.find(nid, error);
+  if (!remoteNodes_->reachable(nid)) {
+    *error = -EHOSTUNREACH;
+    return nullptr;
+  }
+  return directory_.findBridge(error);
+}
+
+bool EventMachine::placedOnOtherHost(uint16_t nid) const {
+  if (bridge_.map == nullptr) return false;
+  const uint8_t host = bridge_.map->hostOf(nid);
+  return host != bridge_.ownHost && host != NodeMap::kNoHost;
 }
 
 // The own node id, and node ids on a loop-back route, are delivered into the own mailbox.
@@ -261,8 +294,11 @@ void EventMachine::afterForkInChild() {
   if (ownMailbox_ != nullptr) ownMailbox_->disownAfterFork();
   ownMailbox_.reset();
   directory_.clear();
+  bridge_ = BridgeSettings{};
+  remoteNodes_.reset();
   lock_.resetInChild();
   forgetTimingUpdaterAfterFork();
+  forgetBridgeAfterFork();
 }
 
 }  // namespace rhyddal

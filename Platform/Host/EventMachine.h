@@ -12,10 +12,12 @@
 #include <cstdint>
 #include <memory>
 
+#include "Bridge.h"
 #include "MailboxDirectory.h"
 #include "MessagePool.h"
 #include "ProcessLock.h"
 #include "RawEvents.h"
+#include "RemoteNodes.h"
 
 namespace rhyddal {
 
@@ -42,7 +44,8 @@ class EventMachine {
   // Judged by MessagePool::release; refused frees get one line on stderr each.
   void free(void* buffer);
   void* receive(uint32_t nid);
-  // 0, -EINVAL, -EMSGSIZE, -EHOSTUNREACH, -ENOBUFS (the sender's lane is full, or every lane of
+  // 0, -EINVAL (also: receiver is on another host and the header names another node), -EMSGSIZE,
+  // -EHOSTUNREACH, -ENOBUFS (the sender's lane is full, or every lane of
   // the receiving node belongs to another live sending process), -ENOTCONN, -EPROTO (an
   // incompatible build made the receiving mailbox, or the sender's lane in it was damaged), or
   // the negated errno of a failed shared-memory call.
@@ -76,6 +79,9 @@ class EventMachine {
   int sendLocked(void* message, uint32_t receiver);
   int transmit(void* buffer, uint32_t length, RecordKind kind, uint16_t nid);
   bool isLocal(uint16_t nid) const;
+  bool placedOnOtherHost(uint16_t nid) const;
+  bool headerAgreesOffHost(const void* message, uint32_t receiver) const;
+  Mailbox* mailboxFor(uint16_t nid, int* error);
 
   const MachineSettings settings_;
   ProcessLock lock_;
@@ -90,6 +96,10 @@ class EventMachine {
   std::atomic<uint32_t> routeCount_{0};
   std::atomic<bool> timingPageInUse_{false};
   std::atomic<bool> waitWithoutServerReported_{false};
+  // From RHYDDAL_NODE_MAP, set by serverInit: node ids the map places on other hosts go through the
+  // host's bridge, while RemoteNodes says they are reachable.
+  BridgeSettings bridge_;
+  std::unique_ptr<RemoteNodes> remoteNodes_;
 };
 
 }  // namespace rhyddal

@@ -72,6 +72,12 @@ std::string mailboxObjectName(uint16_t nid) {
   return "/" + objectPrefix() + "node-" + digits;
 }
 
+std::string bridgeMailboxObjectName() { return "/" + objectPrefix() + "bridge"; }
+
+std::string bridgeLockPath() { return std::string(kShmDirectory) + "/" + objectPrefix() + "bridge.lock"; }
+
+std::string remoteNodesObjectName() { return "/" + objectPrefix() + "remote-nodes"; }
+
 std::string shmFilePath(const std::string& objectName) { return kShmDirectory + objectName; }
 
 std::string nodeStartLockPath() { return std::string(kShmDirectory) + "/" + objectPrefix() + "nodes.lock"; }

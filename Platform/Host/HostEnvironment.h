@@ -32,6 +32,13 @@ std::string objectPrefix();
 // POSIX shm name of a node's receive mailbox: "/<prefix>node-<nid as 4 hex digits>".
 std::string mailboxObjectName(uint16_t nid);
 
+// POSIX shm name of the host's bridge mailbox: "/<prefix>bridge". Beside it the bridge keeps
+// "<prefix>bridge.lock", whose flock elects the process that runs the bridge, and
+// "/<prefix>remote-nodes", the node ids on other hosts it can reach now.
+std::string bridgeMailboxObjectName();
+std::string bridgeLockPath();
+std::string remoteNodesObjectName();
+
 // The file behind a POSIX shm name.
 std::string shmFilePath(const std::string& objectName);
 

@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -151,6 +152,13 @@ T fieldOf(const void* message, size_t offset) {
 inline uint32_t senderOf(const void* message) { return fieldOf<uint32_t>(message, 8); }
 inline uint16_t totalLengthOf(const void* message) { return fieldOf<uint16_t>(message, 14); }
 
+// As the statistics EU echoes: receiver and sender trade places.
+inline void swapAddresses(void* message) {
+  const uint32_t receiver = fieldOf<uint32_t>(message, 4), sender = fieldOf<uint32_t>(message, 8);
+  std::memcpy(static_cast<unsigned char*>(message) + 4, &sender, sizeof(sender));
+  std::memcpy(static_cast<unsigned char*>(message) + 8, &receiver, sizeof(receiver));
+}
+
 inline bool isTestMessage(const void* buffer, uint32_t length, uint32_t seed) {
   const bool headerMatches = totalLengthOf(buffer) == static_cast<uint16_t>(length) &&
                              fieldOf<uint16_t>(buffer, 0) == static_cast<uint16_t>(seed);
@@ -160,6 +168,69 @@ inline bool isTestMessage(const void* buffer, uint32_t length, uint32_t seed) {
     if (bytes[i] != static_cast<unsigned char>(seed * 31u + i * 7u)) return false;
   }
   return true;
+}
+
+constexpr uint64_t kNanosecondsPerMillisecond = 1000000;
+
+inline void* newMessage(uint32_t length, uint32_t receiver, uint32_t sender, uint32_t seed) {
+  void* message = vakem_alloc(length);
+  if (message != nullptr) writeTestMessage(message, length, receiver, sender, seed);
+  return message;
+}
+
+inline uint64_t nowNs(clockid_t clock = CLOCK_MONOTONIC) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+inline void* receiveWithin(uint16_t nid, uint64_t timeoutMs) {
+  const uint64_t deadline = nowNs() + timeoutMs * kNanosecondsPerMillisecond;
+  for (;;) {
+    if (void* message = vakem_receive(nid)) return message;
+    const uint64_t now = nowNs();
+    if (now >= deadline) return nullptr;
+    vakem_wait_for_event(0, static_cast<uint32_t>(std::min<uint64_t>(deadline - now, 999999999)));
+  }
+}
+
+// Scattered sizes over the whole range, the first two its ends.
+inline uint32_t lengthOfMessage(uint32_t index) {
+  if (index < 2) return index == 0 ? 16 : 65535;
+  return 16 + (index * 7919u) % (65536 - 16);
+}
+
+using SendFunction = std::function<int(void* message, uint32_t receiver)>;
+
+// In an echo node: sends count messages back to their senders, addresses swapped. 0, or 2 when
+// one did not come, 3 when one could not be sent.
+inline int echoMessages(uint16_t nid, uint32_t count, const SendFunction& send) {
+  for (uint32_t i = 0; i < count; ++i) {
+    void* message = receiveWithin(nid, 10000);
+    if (message == nullptr) return 2;
+    swapAddresses(message);
+    if (send(message, fieldOf<uint32_t>(message, 4)) != 0) return 3;
+  }
+  return 0;
+}
+
+// In node self: sends count messages of lengthOfMessage sizes to echo, at most inFlight ahead of
+// the echoes, and checks every echo in order, byte for byte. 0, or 12 to 14 for what went wrong.
+inline int exchangeWithEcho(uint16_t self, uint16_t echo, uint32_t count, uint32_t inFlight, const SendFunction& send) {
+  constexpr uint16_t kCpid = 0x0123;
+  uint32_t sent = 0;
+  for (uint32_t received = 0; received < count; ++received) {
+    for (; sent < count && sent < received + inFlight; ++sent) {
+      void* message = newMessage(lengthOfMessage(sent), sicAddress(echo, kCpid), sicAddress(self, kCpid), sent);
+      if (send(message, sicAddress(echo, kCpid)) != 0) return 12;
+    }
+    void* echoed = receiveWithin(self, 10000);
+    if (echoed == nullptr) return 13;
+    const bool expected = isTestMessage(echoed, lengthOfMessage(received), received);
+    vakem_free(echoed);
+    if (!expected) return 14;
+  }
+  return 0;
 }
 
 }  // namespace testing

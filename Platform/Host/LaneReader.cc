@@ -20,7 +20,7 @@ bool recordIsSound(uint32_t laneBytes, uint32_t position, uint32_t available, co
 // Checked on the private copy, so a sender scribbling on the ring cannot change what was checked.
 // A raw event may be larger than the message it carries; an ordinary message is exactly as long
 // as its header says.
-bool messageIsSound(uint16_t nid, const void* copy, const RecordHeader& record) {
+bool messageIsSound(uint32_t nid, const void* copy, const RecordHeader& record) {
   if (record.length < kSysComHeaderBytes) {
     std::fprintf(stderr, "rhyddal: node 0x%04x dropped a message of %u bytes, shorter than a message header\n",
                  static_cast<unsigned>(nid), static_cast<unsigned>(record.length));

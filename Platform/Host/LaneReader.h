@@ -23,7 +23,7 @@ struct LaneView {
   LaneControl* control;
   unsigned char* ring;  // laneBytes bytes
   uint32_t laneBytes;   // a power of two, at least kMinLaneBytes
-  uint16_t nid;         // for messages on stderr
+  uint32_t nid;         // for messages on stderr
 };
 
 // Reads the next record of a lane. *knownTail is the consumer's copy of the lane's tail: reloaded

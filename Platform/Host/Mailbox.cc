@@ -125,7 +125,7 @@ int removeDeadMailbox(const std::string& name) {
   return 0;
 }
 
-int initialiseHeader(MailboxHeader* header, uint16_t nid, uint32_t laneBytes) {
+int initialiseHeader(MailboxHeader* header, uint32_t nid, uint32_t laneBytes) {
   header->layoutVersion = kMailboxLayoutVersion;
   header->nid = nid;
   header->laneCount = kLaneCount;
@@ -142,10 +142,19 @@ int initialiseHeader(MailboxHeader* header, uint16_t nid, uint32_t laneBytes) {
 }  // namespace
 
 int Mailbox::create(uint16_t nid, uint32_t laneBytes, std::unique_ptr<Mailbox>* out) {
-  if (!laneSizeIsSound(laneBytes) || !namespaceUsable()) return -EINVAL;
+  if (!namespaceUsable()) return -EINVAL;
+  return createNamed(mailboxObjectName(nid), nid, laneBytes, out);
+}
+
+int Mailbox::createBridge(uint32_t laneBytes, std::unique_ptr<Mailbox>* out) {
+  if (!namespaceUsable()) return -EINVAL;
+  return createNamed(bridgeMailboxObjectName(), kBridgeMailboxId, laneBytes, out);
+}
+
+int Mailbox::createNamed(const std::string& name, uint32_t id, uint32_t laneBytes, std::unique_ptr<Mailbox>* out) {
+  if (!laneSizeIsSound(laneBytes)) return -EINVAL;
   NodeStartLock startLock;
   if (!startLock.held()) return -errno;
-  const std::string name = mailboxObjectName(nid);
   int rc = removeDeadMailbox(name);
   if (rc != 0) return rc;
   FileDescriptor fd(shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
@@ -159,13 +168,13 @@ int Mailbox::create(uint16_t nid, uint32_t laneBytes, std::unique_ptr<Mailbox>* 
     shm_unlink(name.c_str());
     return rc;
   }
-  rc = initialiseHeader(new (mapping) MailboxHeader{}, nid, laneBytes);
+  rc = initialiseHeader(new (mapping) MailboxHeader{}, id, laneBytes);
   if (rc != 0) {
     munmap(mapping, objectBytes);
     shm_unlink(name.c_str());
     return rc;
   }
-  out->reset(new Mailbox(mapping, objectBytes, true));
+  out->reset(new Mailbox(mapping, objectBytes, true, name));
   (*out)->device_ = status.st_dev;
   (*out)->inode_ = status.st_ino;
   return 0;
@@ -173,7 +182,16 @@ int Mailbox::create(uint16_t nid, uint32_t laneBytes, std::unique_ptr<Mailbox>* 
 
 int Mailbox::open(uint16_t nid, std::shared_ptr<Mailbox>* out) {
   if (!namespaceUsable()) return -EINVAL;
-  FileDescriptor fd(shm_open(mailboxObjectName(nid).c_str(), O_RDWR | O_CLOEXEC, 0));
+  return openNamed(mailboxObjectName(nid), nid, out);
+}
+
+int Mailbox::openBridge(std::shared_ptr<Mailbox>* out) {
+  if (!namespaceUsable()) return -EINVAL;
+  return openNamed(bridgeMailboxObjectName(), kBridgeMailboxId, out);
+}
+
+int Mailbox::openNamed(const std::string& name, uint32_t nid, std::shared_ptr<Mailbox>* out) {
+  FileDescriptor fd(shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0));
   if (fd.get() < 0) return errno == ENOENT ? -EHOSTUNREACH : -errno;
   struct stat status {};
   if (fstat(fd.get(), &status) != 0) return -errno;
@@ -193,17 +211,18 @@ int Mailbox::open(uint16_t nid, std::shared_ptr<Mailbox>* out) {
     munmap(mapping, objectBytes);
     return rc;
   }
-  out->reset(new Mailbox(mapping, objectBytes, false));
+  out->reset(new Mailbox(mapping, objectBytes, false, name));
   return 0;
 }
 
-Mailbox::Mailbox(void* mapping, size_t mappedBytes, bool owner)
+Mailbox::Mailbox(void* mapping, size_t mappedBytes, bool owner, std::string name)
     : header_(static_cast<MailboxHeader*>(mapping)),
       rings_(static_cast<unsigned char*>(mapping) + kLanesOffset),
       mappedBytes_(mappedBytes),
       laneBytes_(header_->laneBytes),
-      nid_(static_cast<uint16_t>(header_->nid)),
-      owner_(owner) {}
+      nid_(header_->nid),
+      owner_(owner),
+      name_(std::move(name)) {}
 
 // The owner unlocks before unmapping: the C library keeps held robust mutexes on a per-thread
 // list and would otherwise follow a link into memory that is gone.
@@ -411,10 +430,9 @@ bool Mailbox::timingPageInUse() const { return header_->timingPageInUse.load(std
 
 void Mailbox::unlinkName() {
   if (!owner_) return;
-  const std::string name = mailboxObjectName(nid_);
   struct stat status {};
-  if (stat(shmFilePath(name).c_str(), &status) != 0) return;
-  if (status.st_dev == device_ && status.st_ino == inode_) shm_unlink(name.c_str());
+  if (stat(shmFilePath(name_).c_str(), &status) != 0) return;
+  if (status.st_dev == device_ && status.st_ino == inode_) shm_unlink(name_.c_str());
 }
 
 void removeMailboxOfDeadNode(uint16_t nid) {

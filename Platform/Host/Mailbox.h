@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "LaneReader.h"
@@ -21,6 +22,9 @@
 namespace rhyddal {
 
 class MessagePool;
+
+// The header's node id of the bridge's mailbox: above every 16-bit node id.
+constexpr uint32_t kBridgeMailboxId = 0x10000;
 
 enum class PushResult {
   kDelivered,
@@ -39,17 +43,22 @@ class Mailbox {
   // library's mutex does not keep its owner's thread id where the probe reads it, or the negated
   // errno of a failed system call.
   static int create(uint16_t nid, uint32_t laneBytes, std::unique_ptr<Mailbox>* out);
+  // The same for the host's bridge to other hosts: one mailbox of that layout under a name of its
+  // own (bridgeMailboxObjectName), which no node id can take; kBridgeMailboxId in its header.
+  static int createBridge(uint32_t laneBytes, std::unique_ptr<Mailbox>* out);
   // Maps nid's mailbox for sending. Returns 0, -EHOSTUNREACH when no node has (finished)
   // creating it, -EPROTO when it was made by an incompatible build, -EINVAL for an unusable
   // RHYDDAL_NAMESPACE, or the negated errno of a failed system call.
   static int open(uint16_t nid, std::shared_ptr<Mailbox>* out);
+  static int openBridge(std::shared_ptr<Mailbox>* out);
   // Gives this process's lane back, so another sender can claim it; records already published
   // in it are still delivered.
   ~Mailbox();
   Mailbox(const Mailbox&) = delete;
   Mailbox& operator=(const Mailbox&) = delete;
 
-  uint16_t nid() const { return nid_; }
+  // The node id; kBridgeMailboxId for the bridge's.
+  uint32_t nid() const { return nid_; }
   uint32_t laneBytes() const { return laneBytes_; }
 
   // Producer side: any process; the threads of one process serialise their pushes to one
@@ -92,7 +101,9 @@ class Mailbox {
   void disownAfterFork() { owner_ = false; }
 
  private:
-  Mailbox(void* mapping, size_t mappedBytes, bool owner);
+  Mailbox(void* mapping, size_t mappedBytes, bool owner, std::string name);
+  static int createNamed(const std::string& name, uint32_t id, uint32_t laneBytes, std::unique_ptr<Mailbox>* out);
+  static int openNamed(const std::string& name, uint32_t id, std::shared_ptr<Mailbox>* out);
   bool claimLane();
   void notifyConsumer(uint32_t lane);
   LaneView laneView(uint32_t lane) const;
@@ -104,8 +115,9 @@ class Mailbox {
   unsigned char* rings_;
   size_t mappedBytes_;
   uint32_t laneBytes_;
-  uint16_t nid_;
+  uint32_t nid_;
   bool owner_;
+  std::string name_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 

@@ -20,17 +20,20 @@ class MailboxDirectory {
   // there), -EPROTO (made by an incompatible build), -EINVAL (unusable RHYDDAL_NAMESPACE) or the
   // negated errno of a failed system call.
   Mailbox* find(uint16_t nid, int* error);
+  // The host's bridge mailbox while the bridge lives, with the same errors.
+  Mailbox* findBridge(int* error);
 
   // In a forked child: the lanes belong to the parent.
   void clear() {
     cache_.clear();
     last_ = nullptr;
+    bridge_.reset();
   }
 
  private:
   std::unordered_map<uint16_t, std::shared_ptr<Mailbox>> cache_;
   Mailbox* last_ = nullptr;  // the last one found: a node mostly sends to the same peer again
-
+  std::shared_ptr<Mailbox> bridge_;
 };
 
 }  // namespace rhyddal

@@ -26,32 +26,6 @@ namespace {
 using namespace testing;
 
 constexpr uint16_t kCpid = 0x0123;
-constexpr uint64_t kNanosecondsPerMillisecond = 1000000;
-
-void* newMessage(uint32_t length, uint32_t receiver, uint32_t sender, uint32_t seed) {
-  void* message = vakem_alloc(length);
-  if (message != nullptr) writeTestMessage(message, length, receiver, sender, seed);
-  return message;
-}
-
-uint64_t nowNs(clockid_t clock = CLOCK_MONOTONIC) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
-void* receiveWithin(uint16_t nid, uint64_t timeoutMs) {
-  const uint64_t deadline = nowNs() + timeoutMs * kNanosecondsPerMillisecond;
-  for (;;) {
-    if (void* message = vakem_receive(nid)) return message;
-    const uint64_t now = nowNs();
-    if (now >= deadline) return nullptr;
-    vakem_wait_for_event(0, static_cast<uint32_t>(std::min<uint64_t>(deadline - now, 999999999)));
-  }
-}
-
-uint32_t lengthOfMessage(uint32_t index) { return 16 + (index * 7919u) % (65536 - 16); }
-
 bool poolIsBalanced() {
   const PoolStatistics stats = processPoolStatistics();
   return stats.inUse == 0 && stats.refusedAlreadyFree + stats.refusedSentAndFreed + stats.refusedForeign == 0;
@@ -65,28 +39,14 @@ TEST(NodeTransport, TwoNodesExchangeMessagesOfEverySizeInOrder) {
   Rendezvous echoUp;
   ChildProcess echo([&] {
     echoUp.notify(becomeNode(echoNid) == 0 ? 1 : 2);
-    for (uint32_t i = 0; i < kMessages; ++i) {
-      void* message = receiveWithin(echoNid, 10000);
-      if (message == nullptr) return 2;
-      if (vakem_send(message, senderOf(message)) != 0) return 3;
-    }
-    return poolIsBalanced() ? 0 : 4;
+    const int rc = echoMessages(echoNid, kMessages, vakem_send);
+    return rc != 0 ? rc : poolIsBalanced() ? 0 : 4;
   });
   ASSERT_EQ(echoUp.waitFor(), 1u);
   ChildProcess sender([&] {
     if (becomeNode(senderNid) != 0) return 11;
-    uint32_t sent = 0;
-    for (uint32_t received = 0; received < kMessages; ++received) {
-      for (; sent < kMessages && sent < received + kInFlight; ++sent) {
-        void* message = newMessage(lengthOfMessage(sent), sicAddress(echoNid, kCpid), sicAddress(senderNid, kCpid), sent);
-        if (vakem_send(message, sicAddress(echoNid, kCpid)) != 0) return 12;
-      }
-      void* echoed = receiveWithin(senderNid, 10000);
-      if (echoed == nullptr) return 13;
-      if (!isTestMessage(echoed, lengthOfMessage(received), received)) return 14;
-      vakem_free(echoed);
-    }
-    return poolIsBalanced() ? 0 : 15;
+    const int rc = exchangeWithEcho(senderNid, echoNid, kMessages, kInFlight, vakem_send);
+    return rc != 0 ? rc : poolIsBalanced() ? 0 : 15;
   });
   EXPECT_EQ(sender.wait(), 0);
   EXPECT_EQ(echo.wait(), 0);

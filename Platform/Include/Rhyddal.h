@@ -58,9 +58,11 @@ void* vakem_receive(uint32_t nid);
 /* Sends the message (total length from its header) to the node and CPID of receiver. On 0 the
  * platform owns the buffer; on failure the caller still owns it. Never blocks. Returns:
  *   0                 queued at the receiving node
- *   -EINVAL           message is null or not a buffer of this process in use
+ *   -EINVAL           message is null or not a buffer of this process in use, or (host, with a
+ *                     node map) receiver is on another host and the header names another node
  *   -EMSGSIZE         the header's total length is below 16 or beyond the buffer's capacity
- *   -EHOSTUNREACH     no node runs at the receiver's node id
+ *   -EHOSTUNREACH     no node runs at the receiver's node id (host, with a node map: or none
+ *                     that this host's bridge can reach on the host the map places it on)
  *   -ENOBUFS          the receiving node's queue is full (host: this sender's lane there is
  *                     full, or the node has no lane left for another sending process)
  *   -ENOTCONN         a loop-back route or the own node id, before vak_em_server_init

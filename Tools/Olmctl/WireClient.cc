@@ -63,16 +63,23 @@ bool WireClient::claim(uint16_t nid) {
   return m_error == 0;
 }
 
-int WireClient::send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size) {
-  if (size > AASYSCOM_MAX_CREATE_PAYLOAD) return -EMSGSIZE;
+void* WireClient::newMessage(uint16_t id, uint32_t receiver, uint32_t sender, uint32_t size) {
+  if (size > AASYSCOM_MAX_CREATE_PAYLOAD) return nullptr;
   auto* header = static_cast<SAaSysComMsgHeader*>(vakem_alloc(sizeof(SAaSysComMsgHeader) + size));
-  if (header == nullptr) return -ENOBUFS;
+  if (header == nullptr) return nullptr;
   std::memset(header, 0, sizeof(*header));
   header->msgId = id;
   header->receiver = receiver;
   header->sender = sender;
   header->flags = kHostWordsFlags;
   header->totalLength = static_cast<uint16_t>(sizeof(*header) + size);
+  return header;
+}
+
+int WireClient::send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size) {
+  if (size > AASYSCOM_MAX_CREATE_PAYLOAD) return -EMSGSIZE;
+  auto* header = static_cast<SAaSysComMsgHeader*>(newMessage(id, receiver, sender, size));
+  if (header == nullptr) return -ENOBUFS;
   if (size != 0) std::memcpy(header + 1, payload, size);
   const int result = vakem_send(header, receiver);
   if (result != 0) vakem_free(header);

@@ -38,6 +38,9 @@ class WireClient {
   int error() const { return m_error; }
   uint16_t nid() const { return m_nid; }
 
+  // A buffer with a header in host order (APF 1) for a payload of size bytes, the payload left to
+  // the caller; null when no buffer is left or the payload is too large for a message.
+  static void* newMessage(uint16_t id, uint32_t receiver, uint32_t sender, uint32_t size);
   // A message in host order with the payload given: 0, or the platform's negated errno
   // (-EHOSTUNREACH: no node runs at the receiver's node id).
   int send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size);

@@ -22,6 +22,11 @@ class WireNode {
   bool ok() const { return m_client.ok(); }
   uint16_t nid() const { return m_client.nid(); }
 
+  // A buffer with a header in host order (APF 1) for a payload of size bytes, the payload left to
+  // the caller; null when no buffer is left.
+  static void* newMessage(uint16_t id, uint32_t receiver, uint32_t sender, uint32_t size) {
+    return Olmctl::WireClient::newMessage(id, receiver, sender, size);
+  }
   // A message in host order (APF 1) with the payload given.
   bool send(uint16_t id, uint32_t receiver, uint32_t sender, const void* payload, uint32_t size) {
     return m_client.send(id, receiver, sender, payload, size) == 0;

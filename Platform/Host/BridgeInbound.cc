@@ -1,0 +1,135 @@
+#include "BridgeInbound.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "SysComFields.h"
+
+namespace rhyddal {
+namespace {
+
+constexpr size_t kSysComSenderOffset = 8;  // u32, host order
+constexpr size_t kNidBytes = 2;
+
+uint16_t nidOf(uint32_t sicAddress) { return static_cast<uint16_t>(sicAddress >> 16); }
+
+uint32_t sysComSender(const void* message) {
+  uint32_t sender = 0;
+  std::memcpy(&sender, static_cast<const unsigned char*>(message) + kSysComSenderOffset, sizeof(sender));
+  return sender;
+}
+
+const char* reasonOf(ArrivalCheck check) {
+  switch (check) {
+    case ArrivalCheck::kTooShort:
+      return "shorter than a message header";
+    case ArrivalCheck::kLengthDisagrees:
+      return "its length disagrees with its header";
+    case ArrivalCheck::kReceiverNotHere:
+      return "its receiver is not a node of this host";
+    case ArrivalCheck::kSenderNotThePeers:
+      return "its sender is not a node of the host that sent it";
+    case ArrivalCheck::kDeliver:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, const void* bytes, size_t size) {
+  if (size < kSysComHeaderBytes) return ArrivalCheck::kTooShort;
+  if (sysComTotalLength(bytes) != size) return ArrivalCheck::kLengthDisagrees;
+  if (map.hostOf(nidOf(sysComReceiver(bytes))) != ownHost) return ArrivalCheck::kReceiverNotHere;
+  if (map.hostOf(nidOf(sysComSender(bytes))) != peerHost) return ArrivalCheck::kSenderNotThePeers;
+  return ArrivalCheck::kDeliver;
+}
+
+BridgeInbound::BridgeInbound(const NodeMap& map, uint8_t ownHost, RemoteNodes& remote, Deliver deliver)
+    : map_(map), ownHost_(ownHost), remote_(remote), deliver_(std::move(deliver)), peers_(map.hosts().size()) {}
+
+void BridgeInbound::handle(const Frame* frames, size_t count, uint64_t nowNs) {
+  const uint8_t peer = count != 0 ? peerOf(frames[0]) : NodeMap::kNoHost;
+  if (peer == NodeMap::kNoHost) {
+    dropped_.report(nowNs, "bridge dropped a message from a peer that is no other host of the map");
+  } else if (count == 2) {
+    handleMessage(peer, frames[1], nowNs);
+  } else if (count == 3 && frames[1].size == 1 && *static_cast<const uint8_t*>(frames[1].data) == kLiveNodesTag) {
+    handleLiveNodes(peer, frames[2], nowNs);
+  } else {
+    dropped_.report(nowNs, "bridge dropped a message of %zu frames from %s that is not of its protocol", count,
+                    map_.hosts()[peer].endpoint.c_str());
+  }
+}
+
+void BridgeInbound::expireSilentPeers(uint64_t nowNs) {
+  for (size_t peer = 0; peer < peers_.size(); ++peer) {
+    if (!peers_[peer].heard || nowNs - peers_[peer].lastHeardNs < kPeerSilenceNs) continue;
+    std::fprintf(stderr, "rhyddal: bridge: %s is silent; its nodes count as unreachable\n",
+                 map_.hosts()[peer].endpoint.c_str());
+    forget(static_cast<uint8_t>(peer));
+  }
+}
+
+// The routing id is the peer's endpoint, compared as bytes: it need not be a C string.
+uint8_t BridgeInbound::peerOf(const Frame& routingId) const {
+  const std::vector<MappedHost>& hosts = map_.hosts();
+  for (size_t host = 0; host < hosts.size(); ++host) {
+    const std::string& endpoint = hosts[host].endpoint;
+    if (host != ownHost_ && endpoint.size() == routingId.size &&
+        std::memcmp(endpoint.data(), routingId.data, routingId.size) == 0) {
+      return static_cast<uint8_t>(host);
+    }
+  }
+  return NodeMap::kNoHost;
+}
+
+void BridgeInbound::handleMessage(uint8_t peer, const Frame& message, uint64_t nowNs) {
+  const ArrivalCheck check = checkArrivingMessage(map_, ownHost_, peer, message.data, message.size);
+  if (check != ArrivalCheck::kDeliver) {
+    dropped_.report(nowNs, "bridge dropped a message of %zu bytes from %s: %s", message.size,
+                    map_.hosts()[peer].endpoint.c_str(), reasonOf(check));
+    return;
+  }
+  deliver_(nidOf(sysComReceiver(message.data)), message.data, static_cast<uint32_t>(message.size));
+}
+
+// Bits of nodes that are new are set before those of nodes that have gone are cleared, so a node
+// running all along never reads unreachable in between.
+void BridgeInbound::handleLiveNodes(uint8_t peer, const Frame& body, uint64_t nowNs) {
+  const auto* bytes = static_cast<const uint8_t*>(body.data);
+  std::vector<uint16_t> live(body.size / kNidBytes);
+  for (size_t i = 0; i < live.size(); ++i) live[i] = static_cast<uint16_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
+  const bool allThePeers =
+      std::all_of(live.begin(), live.end(), [&](uint16_t nid) { return map_.hostOf(nid) == peer; });
+  if (body.size % kNidBytes != 0 || !allThePeers) {
+    dropped_.report(nowNs, "bridge dropped a list of running nodes from %s that is not a list of its own node ids",
+                    map_.hosts()[peer].endpoint.c_str());
+    return;
+  }
+  std::sort(live.begin(), live.end());
+  live.erase(std::unique(live.begin(), live.end()), live.end());
+  Peer& known = peers_[peer];
+  for (const uint16_t nid : live) remote_.set(nid, true);
+  for (const uint16_t nid : known.live) {
+    if (!std::binary_search(live.begin(), live.end(), nid)) remote_.set(nid, false);
+  }
+  if (!known.heard) {
+    std::fprintf(stderr, "rhyddal: bridge: %s reached, %zu nodes running there\n", map_.hosts()[peer].endpoint.c_str(),
+                 live.size());
+  }
+  known.live.swap(live);
+  known.heard = true;
+  known.lastHeardNs = nowNs;
+}
+
+void BridgeInbound::forget(uint8_t peer) {
+  Peer& known = peers_[peer];
+  for (const uint16_t nid : known.live) remote_.set(nid, false);
+  known = Peer{};
+}
+
+}  // namespace rhyddal

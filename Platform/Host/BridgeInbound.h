@@ -1,0 +1,65 @@
+// The bridge's handling of what arrives from other hosts, apart from the socket so the fuzz
+// target can drive it: every frame is checked before it is used, and what does not pass is
+// dropped with one line on stderr (rate-limited), never read past its end.
+//
+// A SysCom message is delivered only when its length agrees with its header, its receiver lives
+// on this host and its sender on the host that sent it. A live-node list updates which of that
+// host's node ids count as reachable (RemoteNodes); one naming a node id of another host is
+// dropped whole. A host not heard from for kPeerSilenceNs loses all its reachable bits.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "BridgeWire.h"
+#include "NodeMap.h"
+#include "RateLimitedReport.h"
+#include "RemoteNodes.h"
+
+namespace rhyddal {
+
+enum class ArrivalCheck {
+  kDeliver,
+  kTooShort,           // shorter than a SysCom header
+  kLengthDisagrees,    // the frame is not as long as the header's total length
+  kReceiverNotHere,    // the receiver's node id is not placed on this host
+  kSenderNotThePeers,  // the sender's node id is not placed on the host that sent it
+};
+
+ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, const void* bytes, size_t size);
+
+class BridgeInbound {
+ public:
+  // Called for each message that passed, with its receiver's node id; the message is valid only
+  // during the call.
+  using Deliver = std::function<void(uint16_t nid, const void* message, uint32_t length)>;
+
+  BridgeInbound(const NodeMap& map, uint8_t ownHost, RemoteNodes& remote, Deliver deliver);
+
+  // One ZeroMQ message as the receiving socket hands it over: frames[0] the peer's routing id.
+  void handle(const Frame* frames, size_t count, uint64_t nowNs);
+  // Clears the bits of hosts silent for kPeerSilenceNs.
+  void expireSilentPeers(uint64_t nowNs);
+
+ private:
+  struct Peer {
+    bool heard = false;
+    uint64_t lastHeardNs = 0;
+    std::vector<uint16_t> live;  // sorted
+  };
+
+  uint8_t peerOf(const Frame& routingId) const;
+  void handleMessage(uint8_t peer, const Frame& message, uint64_t nowNs);
+  void handleLiveNodes(uint8_t peer, const Frame& body, uint64_t nowNs);
+  void forget(uint8_t peer);
+
+  const NodeMap& map_;
+  const uint8_t ownHost_;
+  RemoteNodes& remote_;
+  const Deliver deliver_;
+  std::vector<Peer> peers_;
+  RateLimitedReport dropped_;
+};
+
+}  // namespace rhyddal

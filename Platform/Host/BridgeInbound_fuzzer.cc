@@ -1,0 +1,89 @@
+// libFuzzer target: arbitrary ZeroMQ messages through the bridge's handling of what other hosts
+// send. Input, read front to back: per message a routing id choice (a host of the map, this host,
+// or bytes of the input), a frame count, then per frame a two-byte length and its bytes, and a
+// clock step. Every frame is a heap block of exactly its size, so AddressSanitizer sees any byte
+// read past it; a delivered message must be exactly as long as its header says and addressed to a
+// node of this host.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "BridgeInbound.h"
+#include "FuzzInput.h"
+#include "SysComFields.h"
+
+namespace {
+
+using namespace rhyddal;
+
+constexpr uint8_t kOwnHost = 1;
+constexpr size_t kMaxFrames = 5;
+constexpr uint64_t kClockStepNs = 50 * 1000 * 1000;
+
+const NodeMap& theMap() {
+  static const NodeMap map = [] {
+    NodeMap parsed;
+    std::vector<std::string> errors;
+    if (!NodeMap::parse("0x1000-0x1fff tcp://127.0.0.1:5601\n"
+                        "0x2000-0x2fff tcp://127.0.0.1:5602\n"
+                        "0x0000-0x00ff ipc:///tmp/h3\n",
+                        &parsed, &errors)) {
+      std::abort();
+    }
+    return parsed;
+  }();
+  return map;
+}
+
+void checkDelivery(uint16_t nid, const void* message, uint32_t length) {
+  std::vector<uint8_t> copy(length);
+  std::memcpy(copy.data(), message, length);  // every byte readable
+  if (length < kSysComHeaderBytes || sysComTotalLength(message) != length) std::abort();
+  if (theMap().hostOf(nid) != kOwnHost || (sysComReceiver(message) >> 16) != nid) std::abort();
+}
+
+std::unique_ptr<uint8_t[]> frameBytes(OlmTest::FuzzInput& input, size_t size) {
+  std::unique_ptr<uint8_t[]> bytes(new uint8_t[size == 0 ? 1 : size]);
+  input.bytes(bytes.get(), size);
+  return bytes;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  OlmTest::FuzzInput input(data, size);
+  std::unique_ptr<std::atomic<uint64_t>[]> words(new std::atomic<uint64_t>[RemoteNodes::kWords]());
+  RemoteNodes remote(words.get());
+  BridgeInbound inbound(theMap(), kOwnHost, remote, checkDelivery);
+  uint64_t now = 0;
+  while (!input.atEnd()) {
+    const uint8_t choice = input.byte();
+    const size_t count = 1 + input.byte() % kMaxFrames;
+    std::vector<std::unique_ptr<uint8_t[]>> blocks;
+    std::vector<Frame> frames;
+    for (size_t i = 0; i < count; ++i) {
+      std::string routingId;
+      size_t length = input.word();
+      if (i == 0 && choice % 4 != 3) {
+        routingId = theMap().hosts()[choice % 4 % theMap().hosts().size()].endpoint;
+        length = routingId.size();
+      }
+      blocks.push_back(frameBytes(input, length));
+      if (!routingId.empty()) std::memcpy(blocks.back().get(), routingId.data(), length);
+      frames.push_back(Frame{blocks.back().get(), length});
+    }
+    inbound.handle(frames.data(), frames.size(), now);
+    now += input.byte() * kClockStepNs;
+    inbound.expireSilentPeers(now);
+  }
+  // Whatever the lists said, only node ids of the other hosts can have become reachable.
+  for (uint32_t nid = 0; nid <= 0xFFFF; ++nid) {
+    const uint8_t host = theMap().hostOf(static_cast<uint16_t>(nid));
+    if (remote.reachable(static_cast<uint16_t>(nid)) && (host == kOwnHost || host == NodeMap::kNoHost)) std::abort();
+  }
+  return 0;
+}

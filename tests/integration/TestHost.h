@@ -1,0 +1,39 @@
+// Hosts of their own on this machine, for nodes on several hosts: each a network namespace and a
+// mount namespace with a /dev/shm of its own, held by a keeper process that the host's processes
+// join. Hosts are joined by virtual Ethernet links the test makes; all of it goes away with the
+// keepers. Needs root; whyHostsCannotBeMade says what is missing.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace OlmTest {
+
+class TestHost {
+ public:
+  TestHost();
+  ~TestHost();  // ends the keeper, and with it the host's namespaces
+  TestHost(const TestHost&) = delete;
+  TestHost& operator=(const TestHost&) = delete;
+
+  bool ok() const { return m_keeper > 0; }
+  pid_t keeper() const { return m_keeper; }
+  // In a child process only (single-threaded): joins the host's network and mount namespaces,
+  // keeping the working directory.
+  bool enter() const;
+  // Runs a command inside the host; its exit status, -1 when it did not run.
+  int run(const std::vector<std::string>& command) const;
+
+ private:
+  pid_t m_keeper = -1;
+};
+
+// Empty when hosts can be made here; else why not (not root, no namespaces, no ip command).
+std::string whyHostsCannotBeMade();
+
+// A virtual Ethernet link between a and b, with addressA/addressB (IPv4, prefix 24) and both ends up.
+bool joinHosts(const TestHost& a, const std::string& addressA, const TestHost& b, const std::string& addressB);
+
+}  // namespace OlmTest

@@ -52,12 +52,24 @@ void allowExitFromStopSignal() {
 
 NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment,
                          const std::function<void()>& inChild) {
+  std::vector<std::string> command{executablePath()};
+  command.insert(command.end(), args.begin(), args.end());
+  start(std::move(command), environment, inChild);
+}
+
+NodeProcess::NodeProcess(const Program& program, const std::vector<std::string>& args,
+                         const std::vector<std::string>& environment) {
+  std::vector<std::string> command{program.path};
+  command.insert(command.end(), args.begin(), args.end());
+  start(std::move(command), environment, {});
+}
+
+void NodeProcess::start(std::vector<std::string> command, const std::vector<std::string>& environment,
+                        const std::function<void()>& inChild) {
   char area[] = "/tmp/olm-node-XXXXXX";
   if (mkdtemp(area) != nullptr) m_workingArea = area;
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return;
-  std::vector<std::string> command{executablePath()};
-  command.insert(command.end(), args.begin(), args.end());
   m_pid = fork();
   if (m_pid == 0) {
     dup2(fds[1], STDOUT_FILENO);

@@ -17,10 +17,17 @@ namespace OlmTest {
 
 class NodeProcess {
  public:
+  // A program that starts a node in its stead (a script that ends in exec of the node).
+  struct Program {
+    std::string path;
+  };
+
   // inChild runs in the child process just before the executable starts (e.g. to give it a
   // private mount namespace).
   NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment = {},
               const std::function<void()>& inChild = {});
+  NodeProcess(const Program& program, const std::vector<std::string>& args,
+              const std::vector<std::string>& environment = {});
   ~NodeProcess();  // kills the process if it still runs
   NodeProcess(const NodeProcess&) = delete;
   NodeProcess& operator=(const NodeProcess&) = delete;
@@ -42,6 +49,8 @@ class NodeProcess {
   bool running();
 
  private:
+  void start(std::vector<std::string> command, const std::vector<std::string>& environment,
+             const std::function<void()>& inChild);
   bool readSome(std::chrono::milliseconds timeout);
 
   void removeWorkingArea();

@@ -1,0 +1,186 @@
+// The controller node started with olm-controller, as an operator starts it, with real nodes: it
+// collects the system log of the groups that have no collector of their own and leaves the others
+// to theirs, prints nodes appearing and going, and passes lines on to followers (nodes the test
+// serves itself, as a tool would), several at once, dropping one that dies.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "NodeProcess.h"
+#include "Rendezvous.h"
+#include "SysLogFollow.h"
+#include "TestNamespace.h"
+#include "WireNode.h"
+
+namespace {
+
+using OlmTest::hex;
+using OlmTest::NodeProcess;
+using OlmTest::WireNode;
+using Args = std::vector<std::string>;
+
+// Fixed node ids, so that the groups are known: each test runs in a platform namespace of its own.
+constexpr uint16_t kController = 0x30F0;
+constexpr uint16_t kNodeOfGroup1 = 0x3011;
+constexpr uint16_t kSecondNodeOfGroup1 = 0x3012;
+constexpr uint16_t kNodeOfGroup2 = 0x3021;
+constexpr uint16_t kCollectorOfGroup2 = 0x302D;
+constexpr uint16_t kFollowerCpid = 0x0777;
+constexpr char kPingPeriodMs[] = "20";  // a log line every ten pongs: five a second
+constexpr int kLinesToCheck = 5;
+constexpr int kMostCopiesRead = 500;
+
+uint32_t sicad(uint16_t nid, uint16_t cpid) { return (uint32_t{nid} << 16) | cpid; }
+
+std::unique_ptr<NodeProcess> startController() {
+  auto controller = std::make_unique<NodeProcess>(NodeProcess::Program{OLM_TEST_CONTROLLER}, Args{"--nid", hex(kController)});
+  EXPECT_TRUE(controller->waitForOutput("log collector: collecting the system log on node " + hex(kController)))
+      << controller->output();
+  return controller;
+}
+
+// A node of the controller's system that pings peer and logs a line every ten pongs.
+std::unique_ptr<NodeProcess> startPinger(uint16_t nid, uint16_t peer) {
+  return std::make_unique<NodeProcess>(
+      Args{"--nid", hex(nid), "--masternid", hex(kController), "--wait", "1000", "--load-local", OLM_TEST_PING_EU},
+      Args{"OLM_PING_PEER=" + hex(peer), std::string("OLM_PING_PERIOD_MS=") + kPingPeriodMs});
+}
+
+// What node nid logs about the pongs of its peer, as the line's text ends.
+std::string pongLineOf(uint16_t peer) { return "pongs from node " + hex(peer); }
+
+// A tool that follows the collector's log from node nid: 0 when the request was answered and
+// lines of exactly the nodes asked for (of every one of them) came, else what went wrong.
+class Follower {
+ public:
+  Follower(uint16_t nid, const std::vector<uint16_t>& nids) : m_node(nid), m_nids(nids) {}
+
+  int follow() {
+    if (!m_node.ok()) return 1;
+    std::vector<uint32_t> request{static_cast<uint32_t>(m_nids.size())};
+    request.insert(request.end(), m_nids.begin(), m_nids.end());
+    if (!m_node.send(SYSLOG_FOLLOW_REQ_MSG, sicad(kController, SYSLOG_COLLECTOR_CPID), address(), request)) return 2;
+    WireNode::Message ack;
+    if (!m_node.receive(SYSLOG_FOLLOW_ACK_MSG, ack) || ack.words() != std::vector<uint32_t>{SYSLOG_FOLLOW_STATUS_OK, static_cast<uint32_t>(m_nids.size())}) {
+      return 3;
+    }
+    return 0;
+  }
+
+  // Lines of the pinging nodes (the controller's own lines and nodes appearing come too when
+  // every node is followed): at least kLinesToCheck, from each of the nodes followed.
+  int expectLines() {
+    std::set<uint16_t> seen;
+    int lines = 0;
+    for (int read = 0; lines < kLinesToCheck || seen.size() < expectedSenders(); ++read) {
+      WireNode::Message copy;
+      if (read == kMostCopiesRead || !m_node.receive(SYSLOG_FOLLOW_LINE_MSG, copy) || copy.words().size() < 4) return 4;
+      const uint32_t kind = copy.words()[0];
+      const auto nid = static_cast<uint16_t>(copy.words()[1]);
+      if (!m_nids.empty() && std::find(m_nids.begin(), m_nids.end(), nid) == m_nids.end()) return 5;
+      if (kind != SYSLOG_FOLLOW_KIND_LINE || (nid != kNodeOfGroup1 && nid != kSecondNodeOfGroup1)) continue;
+      const std::string text(reinterpret_cast<const char*>(copy.payload.data()) + SYSLOG_FOLLOW_LINE_HEADER_SIZE);
+      if (text.find("PingEu:") == std::string::npos) return 6;
+      seen.insert(nid);
+      ++lines;
+    }
+    return 0;
+  }
+
+  bool cancel() { return m_node.send(SYSLOG_FOLLOW_CANCEL_MSG, sicad(kController, SYSLOG_COLLECTOR_CPID), address(), nullptr, 0); }
+  uint32_t address() const { return sicad(m_node.nid(), kFollowerCpid); }
+
+ private:
+  size_t expectedSenders() const { return m_nids.empty() ? 2 : m_nids.size(); }
+
+  WireNode m_node;
+  std::vector<uint16_t> m_nids;
+};
+
+TEST(NodeController, CollectsTheLinesOfGroupsWithoutACollectorAndLeavesTheOthersToTheirs) {
+  auto controller = startController();
+  NodeProcess collectorOfGroup2({"--nid", hex(kCollectorOfGroup2), "--masternid", hex(kController), "--wait", "1000",
+                                 "--load-local", OLM_TEST_SYSLOG_PRINTER_EU});
+  ASSERT_TRUE(OlmTest::waitUntilShownLive(kCollectorOfGroup2));
+  auto group1 = startPinger(kNodeOfGroup1, kNodeOfGroup2);
+  auto group2 = startPinger(kNodeOfGroup2, kNodeOfGroup1);
+
+  ASSERT_TRUE(controller->waitForOutput("log collector: collecting the lines of group 0x3010, sent to node 0x301d"))
+      << controller->output();
+  EXPECT_TRUE(controller->waitForOutput("log collector: group 0x3020 has a collector of its own, node 0x302d"))
+      << controller->output();
+  ASSERT_TRUE(controller->waitForOutput(pongLineOf(kNodeOfGroup2) + "\n")) << controller->output();
+  const std::regex stamped("(^|\n)0x3011 \\[\\d{4},\\d{4},\\d{2},\\d{5}\\] 3011 <[^>]+> [0-9A-F]+ INF/PingEu: \\d+ " +
+                           pongLineOf(kNodeOfGroup2) + "\n");
+  EXPECT_TRUE(std::regex_search(controller->output(), stamped)) << controller->output();
+
+  ASSERT_TRUE(collectorOfGroup2.waitForOutput(pongLineOf(kNodeOfGroup1) + "\n")) << collectorOfGroup2.output();
+  ASSERT_TRUE(collectorOfGroup2.waitForOutput(pongLineOf(kNodeOfGroup1) + "\n")) << collectorOfGroup2.output();
+  EXPECT_EQ(controller->countOutput(pongLineOf(kNodeOfGroup1)), 0u) << "the group's own collector got them";
+  EXPECT_EQ(collectorOfGroup2.countOutput(pongLineOf(kNodeOfGroup2)), 0u);
+}
+
+TEST(NodeController, PrintsNodesAppearingAndGoing) {
+  auto controller = startController();
+  NodeProcess node({"--nid", hex(kNodeOfGroup1), "--masternid", hex(kController), "--wait", "1000"});
+  ASSERT_TRUE(controller->waitForOutput("log collector: node 0x3011 appeared\n")) << controller->output();
+  node.kill(SIGTERM);
+  ASSERT_GE(node.waitForExit(), 0);
+  EXPECT_TRUE(controller->waitForOutput("log collector: node 0x3011 gone\n")) << controller->output();
+}
+
+TEST(NodeController, FollowersGetTheLinesOfTheNodesTheyAskedForAndOneThatDiesIsDropped) {
+  auto controller = startController();
+  auto first = startPinger(kNodeOfGroup1, kSecondNodeOfGroup1);
+  auto second = startPinger(kSecondNodeOfGroup1, kNodeOfGroup1);
+  ASSERT_TRUE(controller->waitForOutput(pongLineOf(kSecondNodeOfGroup1))) << controller->output();
+
+  const uint16_t oneNodeNid = OlmTest::nextTestNid();
+  const uint16_t everyNodeNid = OlmTest::nextTestNid();
+  OlmTest::Rendezvous bothFollow;
+  const pid_t oneNode = OlmTest::startChild([&] {
+    Follower follower(oneNodeNid, {kNodeOfGroup1});
+    if (const int rc = follower.follow()) return rc;
+    bothFollow.notify();
+    if (const int rc = follower.expectLines()) return rc;
+    return follower.cancel() ? 0 : 7;
+  });
+  const pid_t everyNode = OlmTest::startChild([&] {
+    Follower follower(everyNodeNid, {});
+    if (const int rc = follower.follow()) return rc;
+    bothFollow.notify();
+    return follower.expectLines();
+  });
+  ASSERT_TRUE(bothFollow.waitFor() == 1 && bothFollow.waitFor() == 1) << controller->output();
+  EXPECT_EQ(OlmTest::exitStatusOf(oneNode), 0) << controller->output();
+  EXPECT_EQ(OlmTest::exitStatusOf(everyNode), 0) << controller->output();
+  EXPECT_TRUE(controller->waitForOutput("log collector: " + hex(oneNodeNid) + "0777 follows node 0x3011\n"))
+      << controller->output();
+  EXPECT_TRUE(controller->waitForOutput("log collector: " + hex(oneNodeNid) + "0777 stopped following\n"))
+      << controller->output();
+
+  if (!OlmTest::deadLockOwnersAreDetected()) GTEST_SKIP() << "no robust futex lists here: a killed follower looks alive";
+  const uint16_t dyingNid = OlmTest::nextTestNid();
+  OlmTest::Rendezvous following;
+  const pid_t dying = OlmTest::startChild([&] {
+    Follower follower(dyingNid, {});
+    if (const int rc = follower.follow()) return rc;
+    following.notify();
+    pause();
+    return 0;
+  });
+  ASSERT_EQ(following.waitFor(), 1u) << controller->output();
+  kill(dying, SIGKILL);
+  OlmTest::exitStatusOf(dying);
+  EXPECT_TRUE(controller->waitForOutput("log collector: dropped follower " + hex(dyingNid) + "0777: it has gone\n"))
+      << controller->output();
+}
+
+}  // namespace

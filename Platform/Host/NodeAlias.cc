@@ -115,13 +115,13 @@ void revokeAlias(uint16_t nid) {
   });
 }
 
+// Without the start lock: this runs at exit, possibly from a signal handler that interrupted this
+// very process while it held the lock. Nothing can replace the alias meanwhile, as its node still
+// lives; a node starting at the id only removes it first.
 void releaseAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
   if (!namespaceUsable()) return;
-  underNodeStartLock([&] {
-    std::unique_ptr<WritableAlias> existing = WritableAlias::open(alias);
-    if (existing != nullptr && existing->isOf(target, targetTid)) revokeAndUnlink(alias, *existing);
-    return 0;
-  });
+  std::unique_ptr<WritableAlias> existing = WritableAlias::open(alias);
+  if (existing != nullptr && existing->isOf(target, targetTid)) revokeAndUnlink(alias, *existing);
 }
 
 int NodeAlias::open(uint16_t nid, std::shared_ptr<NodeAlias>* out) {

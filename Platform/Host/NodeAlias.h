@@ -9,8 +9,8 @@
 // owned by that very thread. A node that starts at the aliased id revokes it, so a real node
 // always wins; a target that dies makes it void at once, without anybody cleaning up.
 //
-// Taking, revoking and releasing run under the lock node start-ups take, so a node starting at an
-// id and an alias being taken for it are never interleaved.
+// Taking and revoking run under the lock node start-ups take, so a node starting at an id and an
+// alias being taken for it are never interleaved.
 #pragma once
 
 #include <atomic>

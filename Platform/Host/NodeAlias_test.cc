@@ -17,8 +17,7 @@ namespace {
 using namespace testing;
 
 constexpr uint16_t kCpid = 0x0601;
-constexpr uint64_t kReceiveTimeoutMs = 10000;
-constexpr uint64_t kQuietMs = 200;
+constexpr int kReceiveTimeoutMs = 10000;
 
 // A node process serving nid that takes the alias, then reports the receiver node id of every
 // message that reaches it, until told to stop.
@@ -41,7 +40,7 @@ class AliasTarget {
   // rhyddal_host_alias's result in the node.
   int aliasResult() { return static_cast<int>(up_.waitFor() - 1); }
   // The receiver node id of the next message, 0 when none came.
-  uint64_t nextReceiver(uint64_t timeoutMs = kReceiveTimeoutMs) { return received_.waitFor(static_cast<int>(timeoutMs)); }
+  uint64_t nextReceiver() { return received_.waitFor(kReceiveTimeoutMs); }
   int stop() {
     stop_.notify();
     return process_.wait();
@@ -101,7 +100,9 @@ TEST(NodeAlias, ARealNodeAtTheAliasTakesItsIdBackAndTheAliasCanBeTakenAgainAfter
     ASSERT_EQ(up.waitFor(), 1u);
     ASSERT_EQ(sendTo(alias), 0);
     EXPECT_EQ(got.waitFor(), 1u) << "the real node gets what is sent to its id";
-    EXPECT_EQ(node.nextReceiver(kQuietMs), 0u) << "the alias's target gets nothing more";
+    // One lane carried both ids to the target: had the send to the alias gone there, it would come first.
+    ASSERT_EQ(sendTo(target), 0);
+    EXPECT_EQ(node.nextReceiver(), target) << "the alias's target gets nothing more";
     EXPECT_EQ(real.wait(), 0);
   }
   EXPECT_EQ(sendTo(alias), -EHOSTUNREACH) << "a revoked alias stays revoked when the real node goes";

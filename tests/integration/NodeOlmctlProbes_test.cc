@@ -190,6 +190,21 @@ TEST_F(NodeOlmctlProbes, PingPrintsEachReplyAndASummary) {
   EXPECT_EQ(linesOf(json.out).size(), 1u) << "one object, nothing for people: " << json.out;
 }
 
+TEST_F(NodeOlmctlProbes, PingOfAnUnknownOrSilentNodeFails) {
+  const uint16_t absent = OlmTest::nextTestNid();
+  expectFailureLine(olmctl({"ping", hex(absent), "-c", "2"}), "node " + hex(absent) + " is not running");
+
+  const uint16_t silent = OlmTest::nextTestNid();
+  SilentNode silentNode(silent);
+  ASSERT_TRUE(silentNode.up());
+  const ProgramRun run = olmctl({"--timeout", kShortTimeout, "ping", hex(silent), "-c", "2", "-i", "50"});
+  EXPECT_EQ(run.status, kFailed) << run.out << run.err;
+  EXPECT_EQ(run.err, "olmctl: 2 of 2 pings to node " + hex(silent) + " got no reply\n");
+  EXPECT_NE(run.out.find("seq=1: no answer from node " + hex(silent) + " within 300 ms\n"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("2 sent, 0 received, 100% loss\n"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("round trip"), std::string::npos) << "no times without replies: " << run.out;
+}
+
 TEST_F(NodeOlmctlProbes, PingStopsOnInterruptWithTheSummary) {
   NodeProcess ping(NodeProcess::Program{olmctlCommand({"ping", hex(m_nidA), "-i", "100"})});
   ASSERT_TRUE(ping.waitForOutput(": seq=2 time=")) << ping.output();

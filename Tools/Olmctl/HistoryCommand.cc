@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -126,11 +127,19 @@ int runConverter(const std::string& converter, const std::string& file, bool cap
   posix_spawn_file_actions_init(&actions);
   if (captureOut) posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+  // The tool blocks Ctrl-C in its threads (Interruption.h); the converter takes it as any program.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
   char* const argv[] = {const_cast<char*>(converter.c_str()), const_cast<char*>(file.c_str()), nullptr};
   std::fflush(stdout);
   pid_t child = -1;
-  const int spawned = posix_spawn(&child, converter.c_str(), &actions, nullptr, argv, environ);
+  const int spawned = posix_spawn(&child, converter.c_str(), &actions, &attributes, argv, environ);
   posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   for (const int fd : {outPipe[1], errPipe[1]}) {
     if (fd >= 0) close(fd);
   }

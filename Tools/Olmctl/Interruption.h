@@ -3,8 +3,8 @@
 // does.
 //
 // A signal cannot end the platform library's wait for messages, which sleeps until its deadline
-// through interruptions, so a thread of the tool takes the signals and wakes that wait with a
-// message to the tool's own node.
+// through interruptions, so a thread of the tool takes the signals (the only thread where they are
+// not blocked) and wakes that wait with a message to the tool's own node.
 #pragma once
 
 #include <cstdint>

@@ -21,6 +21,11 @@ class NodeProcess {
   // private mount namespace).
   NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment = {},
               const std::function<void()>& inChild = {});
+  // Another program the same way, a tool running while the test watches it: command[0] is its path.
+  struct Program {
+    std::vector<std::string> command;
+  };
+  explicit NodeProcess(const Program& program, const std::vector<std::string>& environment = {});
   ~NodeProcess();  // kills the process if it still runs
   NodeProcess(const NodeProcess&) = delete;
   NodeProcess& operator=(const NodeProcess&) = delete;
@@ -44,7 +49,8 @@ class NodeProcess {
  private:
   bool readSome(std::chrono::milliseconds timeout);
 
-  void removeWorkingArea();
+  void start(const std::vector<std::string>& command, const std::vector<std::string>& environment,
+             const std::function<void()>& inChild);
 
   pid_t m_pid = -1;
   std::string m_workingArea;
@@ -54,6 +60,10 @@ class NodeProcess {
   bool m_exited = false;
   int m_status = 0;
 };
+
+// Removes a directory tree after detaching the RAM file mounts that nodes killed outright left in
+// it (the kernel answers ENOTCONN there, and they keep the directories).
+void removeDirectoryWithMounts(const std::string& directory);
 
 // Paths of the built programs and libraries.
 std::string executablePath();

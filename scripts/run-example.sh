@@ -6,8 +6,8 @@
 # its news in the system zone and prints the news it receives, its own and the other node's,
 # through the broker server; the controller prints the nodes' system log lines with their node id
 # and LTE time, and nodes appearing and going. Ctrl-C stops them all. While it runs,
-# build/native/Tools/Olmctl/olmctl reads and changes the nodes' R&D parameters (olmctl rad get
-# 0x1011 50).
+# build/native/Tools/Olmctl/olmctl looks at the nodes and changes their R&D parameters (olmctl
+# nodes, olmctl top, olmctl rad get 0x1011 50).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup-debian.sh"

@@ -3,8 +3,8 @@
 # Usage: scripts/setup-debian.sh [more packages...]
 set -euo pipefail
 
-# Extra packages a caller needs may follow as arguments.
-packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev libunwind-dev libfuse-dev libzmq3-dev iproute2 gdb procps "$@")
+# Extra packages a caller needs may follow as arguments. tmux gives the olmctl tests a real terminal.
+packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev libunwind-dev libfuse-dev libzmq3-dev iproute2 gdb procps tmux "$@")
 
 missing=()
 for package in "${packages[@]}"; do

@@ -3,14 +3,18 @@
 // (RHYDDAL.map).
 #include <pthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "BtsTimeSync.h"
 #include "EventMachine.h"
 #include "HostEnvironment.h"
+#include "Mailbox.h"
 #include "MailboxLayout.h"
 #include "PhysicalMemory.h"
 #include "RadioClock.h"
@@ -141,5 +145,20 @@ int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size) {
 void rhyddal_host_timing_page_in_use(void) { machine().timingPageInUse(); }
 
 int rhyddal_host_alias(uint32_t nid) { return machine().alias(nid); }
+
+// A mailbox is listed while its owner lives: one left behind by a killed node is not a node.
+int rhyddal_host_live_nodes(struct rhyddal_host_node* nodes, uint32_t capacity) {
+  if ((nodes == nullptr && capacity != 0) || !rhyddal::namespaceUsable()) return -EINVAL;
+  std::vector<uint16_t> nids = rhyddal::listMailboxNids();
+  std::sort(nids.begin(), nids.end());
+  uint32_t live = 0;
+  for (const uint16_t nid : nids) {
+    std::shared_ptr<rhyddal::Mailbox> mailbox;
+    if (rhyddal::Mailbox::open(nid, &mailbox) != 0 || !mailbox->ownerAlive()) continue;
+    if (live < capacity) nodes[live] = rhyddal_host_node{nid, 0, mailbox->waitingRecords()};
+    ++live;
+  }
+  return static_cast<int>(live);
+}
 
 }  // extern "C"

@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <limits>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "Futex.h"
 #include "HostTestUtil.h"
@@ -280,6 +282,56 @@ TEST(HostExtensions, ObjectNamesStayInsideTheNamespace) {
   IdleNode node(testNid());
   ASSERT_TRUE(node.up());
   EXPECT_GE(OlmTest::removeNamespaceObjects(), 3u) << "mailbox, start lock and physical memory at least";
+}
+
+// The live nodes, read with room for every one of them.
+std::vector<rhyddal_host_node> liveNodes() {
+  const int count = rhyddal_host_live_nodes(nullptr, 0);
+  std::vector<rhyddal_host_node> nodes(static_cast<size_t>(std::max(count, 0)));
+  const int written = rhyddal_host_live_nodes(nodes.data(), static_cast<uint32_t>(nodes.size()));
+  nodes.resize(static_cast<size_t>(std::max(std::min(written, count), 0)));
+  return nodes;
+}
+
+const rhyddal_host_node* findNode(const std::vector<rhyddal_host_node>& nodes, uint16_t nid) {
+  for (const rhyddal_host_node& node : nodes) {
+    if (node.nid == nid) return &node;
+  }
+  return nullptr;
+}
+
+TEST(HostExtensions, LiveNodesAreListedInOrderWithTheirWaitingMessages) {
+  const uint16_t low = testNid();
+  const uint16_t high = testNid();
+  IdleNode highNode(high);
+  IdleNode lowNode(low);
+  ASSERT_TRUE(highNode.up());
+  ASSERT_TRUE(lowNode.up());
+  constexpr uint32_t kQueued = 3;
+  for (uint32_t i = 0; i < kQueued; ++i) {
+    void* message = newMessage(64, sicAddress(high, kCpid), 0, i);
+    ASSERT_EQ(vakem_send(message, sicAddress(high, kCpid)), 0);
+  }
+  const std::vector<rhyddal_host_node> nodes = liveNodes();
+  ASSERT_NE(findNode(nodes, low), nullptr);
+  ASSERT_NE(findNode(nodes, high), nullptr);
+  EXPECT_LT(findNode(nodes, low), findNode(nodes, high)) << "ascending node ids";
+  EXPECT_EQ(findNode(nodes, low)->waiting, 0u);
+  EXPECT_EQ(findNode(nodes, high)->waiting, kQueued);
+  EXPECT_EQ(findNode(nodes, high)->reserved, 0u);
+
+  constexpr rhyddal_host_node kUntouched{0xFFFF, 0xFFFF, 0xFFFFFFFF};
+  rhyddal_host_node room[2] = {kUntouched, kUntouched};
+  EXPECT_EQ(rhyddal_host_live_nodes(room, 1), static_cast<int>(nodes.size())) << "all are counted";
+  EXPECT_EQ(room[0].nid, nodes[0].nid);
+  EXPECT_EQ(room[1].nid, kUntouched.nid) << "nothing is written beyond the capacity";
+  EXPECT_EQ(rhyddal_host_live_nodes(nullptr, 1), -EINVAL);
+
+  if (!deadLockOwnersAreDetected()) GTEST_SKIP() << "no robust futex lists here: a killed node looks alive";
+  highNode.kill();
+  const std::vector<rhyddal_host_node> after = liveNodes();
+  EXPECT_EQ(findNode(after, high), nullptr) << "a killed node's mailbox is no node";
+  EXPECT_NE(findNode(after, low), nullptr);
 }
 
 TEST(HostExtensions, WithoutANamespaceTheSystemNameIsUsedAsItIs) {

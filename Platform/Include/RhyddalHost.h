@@ -57,6 +57,21 @@ void rhyddal_host_timing_page_in_use(void);
  *   other < 0     the negated errno of a failed system call */
 int rhyddal_host_alias(uint32_t nid);
 
+/* One node that runs on this host, as rhyddal_host_live_nodes lists it. */
+struct rhyddal_host_node {
+  uint16_t nid;
+  uint16_t reserved; /* zero */
+  uint32_t waiting;  /* messages sent to the node that it has not received yet */
+};
+
+/* The nodes that run on this host for this user (in RHYDDAL_NAMESPACE when set), the caller's own
+ * node included, in ascending node id order. Writes the first capacity of them into nodes (which
+ * may be null when capacity is 0) and returns how many there are, which may exceed capacity; or
+ * -EINVAL for nodes null with a capacity, or for an invalid RHYDDAL_NAMESPACE. A node that starts
+ * or stops during the call may or may not be listed. Needs no vak_em_server_init: tools that only
+ * look at the host call it too. */
+int rhyddal_host_live_nodes(struct rhyddal_host_node* nodes, uint32_t capacity);
+
 #ifdef __cplusplus
 }
 #endif

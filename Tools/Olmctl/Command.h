@@ -1,4 +1,4 @@
-// A command of olmctl ("rad", later "ping", "send", ...) and how it ends.
+// A command of olmctl ("rad", "ping", "send", ...) and how it ends.
 #pragma once
 
 #include <string>
@@ -22,8 +22,9 @@ struct Command {
   const char* summary;  // the command's lines in "olmctl --help"
   const char* usage;    // the hint after a malformed command line
   const char* help;     // "olmctl <name> --help", before the common options
-  // arguments: the words after the command's name.
-  Outcome (*run)(const CommonOptions& options, const std::vector<std::string>& arguments);
+  Outcome (*run)(const CommonOptions& options, const Arguments& arguments);
+  // The options of this command besides the common ones.
+  std::vector<CommandOption> options = {};
 };
 
 }  // namespace Olmctl

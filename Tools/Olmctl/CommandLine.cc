@@ -48,11 +48,33 @@ bool nidFrom(const std::string& what, const std::string& text, uint16_t& nid, st
   return true;
 }
 
+// As the nodes take their RAM root: an absolute path without a trailing '/'.
+bool ramRootFrom(const std::string& what, const std::string& text, std::string& root, std::string& error) {
+  if (text.size() < 2 || text.front() != '/' || text.back() == '/') {
+    error = what + " '" + text + "' is not an absolute path without a trailing '/'";
+    return false;
+  }
+  root = text;
+  return true;
+}
+
+const CommandOption* findCommandOption(const std::vector<CommandOption>& commandOptions, const std::string& arg) {
+  for (const CommandOption& option : commandOptions) {
+    if (option.takesValue ? isOption(arg, option.name) : arg == option.name) return &option;
+  }
+  return nullptr;
+}
+
 // One option at args[at]; false with error for a malformed or unknown one.
-bool parseOption(const std::vector<std::string>& args, size_t& at, CommonOptions& options, std::string& error) {
+bool parseOption(const std::vector<std::string>& args, size_t& at, const std::vector<CommandOption>& commandOptions,
+                 CommandLine& line, std::string& error) {
   const std::string& arg = args[at];
+  CommonOptions& options = line.options;
   std::string value;
-  if (arg == "--json") {
+  if (const CommandOption* option = findCommandOption(commandOptions, arg)) {
+    if (option->takesValue && !optionValue(args, at, option->name, value, error)) return false;
+    line.commandOptions[option->name] = value;
+  } else if (arg == "--json") {
     options.json = true;
   } else if (arg == "--help" || arg == "-h") {
     options.help = true;
@@ -72,6 +94,10 @@ bool parseOption(const std::vector<std::string>& args, size_t& at, CommonOptions
     uint16_t nid = 0;
     if (!optionValue(args, at, "--nid", value, error) || !nidFrom("--nid", value, nid, error)) return false;
     options.ownNid = nid;
+  } else if (isOption(arg, "--ram-root")) {
+    if (!optionValue(args, at, "--ram-root", value, error) || !ramRootFrom("--ram-root", value, options.ramRoot, error)) {
+      return false;
+    }
   } else {
     error = "unknown option " + arg;
     return false;
@@ -102,11 +128,48 @@ std::string badNumber(const std::string& what, const std::string& text, uint32_t
   return what + " '" + text + "' is not a number from 0 to " + range;
 }
 
-bool parseCommandLine(const std::vector<std::string>& args, const char* masterFromEnvironment, CommandLine& line,
-                      std::string& error) {
+bool parseNid(const std::string& text, uint16_t& nid, std::string& error) {
+  const std::optional<uint32_t> number = parseNumber(text, kMaxNid);
+  if (!number) error = badNumber("NID", text, kMaxNid);
+  nid = static_cast<uint16_t>(number.value_or(0));
+  return number.has_value();
+}
+
+bool parseOnlyNid(const std::string& command, const Arguments& arguments, uint16_t& nid, std::string& error) {
+  if (arguments.words.size() == 1) return parseNid(arguments.words[0], nid, error);
+  error = command + (arguments.words.empty() ? " needs the node id" : " takes one node id");
+  return false;
+}
+
+bool intervalOption(const Arguments& arguments, uint32_t& intervalMs, std::string& error) {
+  return optionNumber(arguments, "-i", 1, kMaxIntervalMs, kDefaultIntervalMs, intervalMs, error);
+}
+
+bool optionNumber(const Arguments& arguments, const std::string& name, uint32_t min, uint32_t max, uint32_t fallback,
+                  uint32_t& value, std::string& error) {
+  const auto given = arguments.options.find(name);
+  if (given == arguments.options.end()) {
+    value = fallback;
+    return true;
+  }
+  const std::optional<uint32_t> number = parseNumber(given->second, max);
+  if (number && *number >= min) {
+    value = *number;
+    return true;
+  }
+  error = name + " '" + given->second + "' is not a number from " + std::to_string(min) + " to " + std::to_string(max);
+  return false;
+}
+
+bool parseCommandLine(const std::vector<std::string>& args, const Environment& environment,
+                      const std::vector<CommandOption>& commandOptions, CommandLine& line, std::string& error) {
   line = CommandLine{};
-  if (masterFromEnvironment != nullptr &&
-      !nidFrom(kMasterNidVariable, masterFromEnvironment, line.options.masterNid, error)) {
+  if (environment.masterNid != nullptr &&
+      !nidFrom(kMasterNidVariable, environment.masterNid, line.options.masterNid, error)) {
+    return false;
+  }
+  if (environment.ramRoot != nullptr && *environment.ramRoot != '\0' &&
+      !ramRootFrom(kRamRootVariable, environment.ramRoot, line.options.ramRoot, error)) {
     return false;
   }
   bool optionsEnded = false;
@@ -115,7 +178,7 @@ bool parseCommandLine(const std::vector<std::string>& args, const char* masterFr
     if (!optionsEnded && arg == "--") {
       optionsEnded = true;
     } else if (!optionsEnded && arg.size() > 1 && arg[0] == '-') {
-      if (!parseOption(args, at, line.options, error)) return false;
+      if (!parseOption(args, at, commandOptions, line, error)) return false;
     } else {
       line.words.push_back(arg);
     }

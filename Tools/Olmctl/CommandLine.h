@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,19 +23,46 @@ constexpr uint16_t kLastToolNid = 0x1FF7;
 constexpr uint32_t kDefaultTimeoutMs = 2000;
 constexpr uint32_t kMaxTimeoutMs = 3600 * 1000;
 constexpr uint32_t kMaxNid = 0xFFFF;
+constexpr uint32_t kDefaultIntervalMs = 1000;
+constexpr uint32_t kMaxIntervalMs = kMaxTimeoutMs;
+
+// Where the nodes keep their RAM files when OLM_RAM_ROOT does not say otherwise, as they do.
+constexpr char kDefaultRamRoot[] = "/ram";
+constexpr char kRamRootVariable[] = "OLM_RAM_ROOT";
 
 struct CommonOptions {
   uint32_t timeoutMs = kDefaultTimeoutMs;
   uint16_t masterNid = kDefaultMasterNid;
   std::optional<uint16_t> ownNid;
+  std::string ramRoot = kDefaultRamRoot;
   bool json = false;
   bool help = false;
+};
+
+// An option only some commands take ("-c COUNT" of ping, "--wait" of send).
+struct CommandOption {
+  const char* name;
+  bool takesValue;
+};
+
+// A command's words after its name and the command options given, by name (a switch maps to "").
+struct Arguments {
+  std::vector<std::string> words;
+  std::map<std::string, std::string> options;
 };
 
 struct CommandLine {
   CommonOptions options;
   // The command, its subcommand and their arguments, in order.
   std::vector<std::string> words;
+  std::map<std::string, std::string> commandOptions;
+};
+
+// The settings the environment gives before the command line: OLM_MASTER_NID and OLM_RAM_ROOT
+// (either may be null).
+struct Environment {
+  const char* masterNid = nullptr;
+  const char* ramRoot = nullptr;
 };
 
 // A decimal or 0x-hexadecimal number from 0 to max, the whole text: no sign, no spaces.
@@ -42,10 +70,22 @@ std::optional<uint32_t> parseNumber(const std::string& text, uint32_t max);
 // What a malformed number is told: "<what> '<text>' is not a number from 0 to <max>".
 std::string badNumber(const std::string& what, const std::string& text, uint32_t max);
 
-// The arguments after the program name. Options may stand anywhere before "--", as "--name value"
-// or "--name=value"; masterFromEnvironment (OLM_MASTER_NID, may be null) replaces the default
-// master. False with the reason in error for a malformed line.
-bool parseCommandLine(const std::vector<std::string>& args, const char* masterFromEnvironment, CommandLine& line,
-                      std::string& error);
+// A node id given as an argument: "NID '<text>' is not a number ..." in error when malformed.
+bool parseNid(const std::string& text, uint16_t& nid, std::string& error);
+// The node id that is a command's only argument; false with error for none, more, or a malformed one.
+bool parseOnlyNid(const std::string& command, const Arguments& arguments, uint16_t& nid, std::string& error);
+// "-i INTERVAL_MS" of the commands that repeat (ping, stats, top): default 1000.
+bool intervalOption(const Arguments& arguments, uint32_t& intervalMs, std::string& error);
+// The value of a command option from min to max, or fallback when it was not given; false with
+// error when it is malformed.
+bool optionNumber(const Arguments& arguments, const std::string& name, uint32_t min, uint32_t max, uint32_t fallback,
+                  uint32_t& value, std::string& error);
+
+// The arguments after the program name. Options, the common ones and commandOptions (those of
+// every command: which command takes which is checked later), may stand anywhere before "--", as
+// "--name value" or "--name=value"; the environment replaces the defaults. False with the reason
+// in error for a malformed line.
+bool parseCommandLine(const std::vector<std::string>& args, const Environment& environment,
+                      const std::vector<CommandOption>& commandOptions, CommandLine& line, std::string& error);
 
 }  // namespace Olmctl

@@ -14,9 +14,13 @@ using Olmctl::parseNumber;
 constexpr uint32_t kMax16 = 0xFFFF;
 constexpr uint32_t kMax32 = 0xFFFFFFFF;
 
-bool parses(const std::vector<std::string>& args, CommandLine& line, const char* environment = nullptr) {
+// The options of ping and send, as the tool knows them all before it knows the command.
+const std::vector<Olmctl::CommandOption> kCommandOptions = {{"-c", true}, {"-i", true}, {"--wait", false}};
+
+bool parses(const std::vector<std::string>& args, CommandLine& line, const char* master = nullptr,
+            const char* ramRoot = nullptr) {
   std::string error;
-  const bool ok = Olmctl::parseCommandLine(args, environment, line, error);
+  const bool ok = Olmctl::parseCommandLine(args, Olmctl::Environment{master, ramRoot}, kCommandOptions, line, error);
   EXPECT_EQ(ok, error.empty()) << error;
   return ok;
 }
@@ -59,12 +63,46 @@ TEST(OlmctlCommandLine, NumbersAndOptions) {
                                                                                    {"--verbose"},
                                                                                    {"-x"}}) {
     std::string error;
-    EXPECT_FALSE(Olmctl::parseCommandLine(bad, nullptr, line, error)) << bad[0];
+    EXPECT_FALSE(Olmctl::parseCommandLine(bad, {}, kCommandOptions, line, error)) << bad[0];
     EXPECT_FALSE(error.empty());
   }
   std::string error;
-  EXPECT_FALSE(Olmctl::parseCommandLine({"rad"}, "master", line, error)) << "a malformed OLM_MASTER_NID is told";
+  EXPECT_FALSE(Olmctl::parseCommandLine({"rad"}, {"master", nullptr}, {}, line, error))
+      << "a malformed OLM_MASTER_NID is told";
   EXPECT_NE(error.find("OLM_MASTER_NID"), std::string::npos) << error;
+}
+
+TEST(OlmctlCommandLine, CommandOptionsAndTheRamRoot) {
+  CommandLine line;
+  ASSERT_TRUE(parses({"ping", "-c", "3", "0x1011", "-i=200", "--wait"}, line, nullptr, "/tmp/ram"));
+  EXPECT_EQ(line.words, (std::vector<std::string>{"ping", "0x1011"}));
+  EXPECT_EQ(line.commandOptions, (std::map<std::string, std::string>{{"-c", "3"}, {"-i", "200"}, {"--wait", ""}}));
+  EXPECT_EQ(line.options.ramRoot, "/tmp/ram") << "OLM_RAM_ROOT, as the nodes take it";
+  ASSERT_TRUE(parses({"--ram-root", "/srv/ram", "top"}, line, nullptr, "/tmp/ram"));
+  EXPECT_EQ(line.options.ramRoot, "/srv/ram") << "the option wins over the environment";
+  ASSERT_TRUE(parses({"top"}, line, nullptr, ""));
+  EXPECT_EQ(line.options.ramRoot, Olmctl::kDefaultRamRoot) << "an empty OLM_RAM_ROOT is unset, as for the nodes";
+  ASSERT_TRUE(parses({"send", "0x10110610", "1", "--", "-c"}, line));
+  EXPECT_EQ(line.words.back(), "-c") << "after -- a command option is a word";
+
+  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
+           {"ping", "-c"}, {"--ram-root", "ram"}, {"--ram-root", "/ram/"}, {"--ram-root=/"}, {"--wait=1"}}) {
+    std::string error;
+    EXPECT_FALSE(Olmctl::parseCommandLine(bad, {}, kCommandOptions, line, error)) << bad.back();
+    EXPECT_FALSE(error.empty());
+  }
+  std::string error;
+  EXPECT_FALSE(Olmctl::parseCommandLine({"top"}, {nullptr, "relative"}, kCommandOptions, line, error));
+  EXPECT_NE(error.find("OLM_RAM_ROOT"), std::string::npos) << error;
+
+  Olmctl::Arguments arguments{{}, {{"-c", "0"}, {"-i", "0x10"}}};
+  uint32_t value = 0;
+  EXPECT_FALSE(Olmctl::optionNumber(arguments, "-c", 1, 10, 5, value, error)) << "below the minimum";
+  EXPECT_NE(error.find("-c '0' is not a number from 1 to 10"), std::string::npos) << error;
+  ASSERT_TRUE(Olmctl::optionNumber(arguments, "-i", 1, 100, 5, value, error));
+  EXPECT_EQ(value, 16u);
+  ASSERT_TRUE(Olmctl::optionNumber(arguments, "-n", 1, 100, 5, value, error));
+  EXPECT_EQ(value, 5u) << "an option not given has its default";
 }
 
 TEST(OlmctlCommandLine, ParameterSelectors) {

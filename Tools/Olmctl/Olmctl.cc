@@ -2,7 +2,9 @@
 // 0x1FF0..0x1FF7 unless --nid names one) and talks to the nodes and to the counterparts on the
 // master node with their own messages; it needs no runtime.
 //
-//   olmctl rad get 0x1011 50          olmctl --help          olmctl rad --help
+//   olmctl nodes      olmctl ping 0x1011 -c 3      olmctl top      olmctl rad get 0x1011 50
+//   olmctl --help     olmctl ping --help
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -10,6 +12,8 @@
 
 #include "Command.h"
 #include "CommandLine.h"
+#include "Commands.h"
+#include "Interruption.h"
 #include "Output.h"
 #include "RadCommand.h"
 
@@ -32,13 +36,35 @@ constexpr char kCommonOptions[] =
     "  --master NID  the master node, where the R&D master runs (default $OLM_MASTER_NID,\n"
     "                else 0x10f0)\n"
     "  --nid NID     the tool's own node id (default: the first free of 0x1ff0 to 0x1ff7)\n"
-    "  --json        output for scripts, one JSON object\n"
+    "  --ram-root DIR\n"
+    "                where the nodes keep their RAM files, as their OLM_RAM_ROOT does\n"
+    "                (default $OLM_RAM_ROOT, else /ram)\n"
+    "  --json        output for scripts: one JSON object (top: one per refresh)\n"
     "  -h, --help    this text; \"olmctl COMMAND --help\" for a command\n"
     "\n"
     "Numbers are decimal or 0x-hexadecimal. Exit status: 0 done, 1 failed (one line on standard\n"
     "error: an unknown node, no answer within the timeout, a refusal), 2 malformed command line.\n";
 
-const Command* const kCommands[] = {&Olmctl::radCommand()};
+const Command* const kCommands[] = {&Olmctl::nodesCommand(), &Olmctl::pingCommand(),  &Olmctl::statsCommand(),
+                                    &Olmctl::topCommand(),   &Olmctl::sendCommand(),  &Olmctl::historyCommand(),
+                                    &Olmctl::radCommand()};
+
+// Every command's own options: the command line is read before the command is known.
+std::vector<Olmctl::CommandOption> allCommandOptions() {
+  std::vector<Olmctl::CommandOption> options;
+  for (const Command* command : kCommands) options.insert(options.end(), command->options.begin(), command->options.end());
+  return options;
+}
+
+// The options given that belong to another command: the first, or null.
+const char* foreignOption(const Command& command, const Olmctl::CommandLine& line) {
+  for (const auto& given : line.commandOptions) {
+    const bool own = std::any_of(command.options.begin(), command.options.end(),
+                                 [&](const Olmctl::CommandOption& option) { return given.first == option.name; });
+    if (!own) return given.first.c_str();
+  }
+  return nullptr;
+}
 
 const Command* findCommand(const std::string& name) {
   for (const Command* command : kCommands) {
@@ -64,9 +90,12 @@ int usageError(const std::string& error, const Command* command) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  Olmctl::takeInterruptions();
   Olmctl::CommandLine line;
   std::string error;
-  if (!Olmctl::parseCommandLine({argv + 1, argv + argc}, std::getenv(Olmctl::kMasterNidVariable), line, error)) {
+  const Olmctl::Environment environment{std::getenv(Olmctl::kMasterNidVariable),
+                                        std::getenv(Olmctl::kRamRootVariable)};
+  if (!Olmctl::parseCommandLine({argv + 1, argv + argc}, environment, allCommandOptions(), line, error)) {
     return usageError(error, nullptr);
   }
   if (line.words.empty()) {
@@ -80,7 +109,11 @@ int main(int argc, char** argv) {
     Olmctl::printOut(std::string(command->help) + kCommonOptions);
     return Olmctl::kExitOk;
   }
-  const Olmctl::Outcome outcome = command->run(line.options, {line.words.begin() + 1, line.words.end()});
+  if (const char* option = foreignOption(*command, line)) {
+    return usageError(std::string("option ") + option + " is not an option of " + command->name, command);
+  }
+  const Olmctl::Outcome outcome =
+      command->run(line.options, Olmctl::Arguments{{line.words.begin() + 1, line.words.end()}, line.commandOptions});
   if (outcome.status == Olmctl::kExitUsage) return usageError(outcome.message, command);
   if (outcome.status != Olmctl::kExitOk) std::fprintf(stderr, "olmctl: %s\n", outcome.message.c_str());
   return outcome.status;

@@ -262,14 +262,8 @@ Outcome runSet(const CommonOptions& options, const SetRequest& request) {
 
 // ---- The command line ---------------------------------------------------------------------------
 
-bool parseNid(const std::string& text, uint16_t& nid, std::string& error) {
-  const std::optional<uint32_t> number = parseNumber(text, kMaxNid);
-  if (!number) error = badNumber("NID", text, kMaxNid);
-  nid = static_cast<uint16_t>(number.value_or(0));
-  return number.has_value();
-}
-
-Outcome runRad(const CommonOptions& options, const std::vector<std::string>& arguments) {
+Outcome runRad(const CommonOptions& options, const Arguments& commandArguments) {
+  const std::vector<std::string>& arguments = commandArguments.words;
   const std::string subcommand = arguments.empty() ? "" : arguments[0];
   std::string error;
   if (subcommand == "get" && arguments.size() == 3) {

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Interruption.h"
 #include "Output.h"
 
 namespace Olmctl {
@@ -17,6 +18,15 @@ std::string claimFailure(int error) {
 }
 
 }  // namespace
+
+std::string sendFailure(uint16_t nid, int result) {
+  return result == -EHOSTUNREACH ? "node " + nidText(nid) + " is not running"
+                                 : "cannot send to node " + nidText(nid) + ": " + std::strerror(-result);
+}
+
+std::string noAnswer(const std::string& whom, uint32_t timeoutMs) {
+  return "no answer from " + whom + " within " + std::to_string(timeoutMs) + " ms";
+}
 
 bool Session::open(std::string& error) {
   if (m_options.ownNid) {
@@ -35,21 +45,41 @@ bool Session::open(std::string& error) {
 
 uint32_t Session::address() const { return sicad(m_client->nid(), kToolCpid); }
 
-bool Session::request(uint16_t id, uint32_t receiver, const std::vector<uint32_t>& words, std::string& error) {
-  const uint16_t node = static_cast<uint16_t>(receiver >> 16);
-  const int result = m_client->send(id, receiver, address(), words);
-  m_deadline = WireClient::Clock::now() + std::chrono::milliseconds(m_options.timeoutMs);
+bool Session::send(uint16_t id, uint32_t receiver, const void* payload, uint32_t size, std::string& error) {
+  const int result = m_client->send(id, receiver, address(), payload, size);
   if (result == 0) return true;
-  error = result == -EHOSTUNREACH ? "no node " + nidText(node) + " is running"
-                                  : "cannot send to node " + nidText(node) + ": " + std::strerror(-result);
+  error = sendFailure(static_cast<uint16_t>(receiver >> 16), result);
   return false;
+}
+
+bool Session::send(uint16_t id, uint32_t receiver, const std::vector<uint32_t>& words, std::string& error) {
+  return send(id, receiver, words.data(), static_cast<uint32_t>(words.size() * sizeof(uint32_t)), error);
+}
+
+bool Session::request(uint16_t id, uint32_t receiver, const std::vector<uint32_t>& words, std::string& error) {
+  m_deadline = Clock::now() + std::chrono::milliseconds(m_options.timeoutMs);
+  return send(id, receiver, words, error);
 }
 
 bool Session::await(const WireClient::Wanted& wanted, const std::string& whom, WireClient::Message& message,
                     std::string& error) {
   if (m_client->receive(wanted, m_deadline, message)) return true;
-  error = "no answer from " + whom + " within " + std::to_string(m_options.timeoutMs) + " ms";
+  error = noAnswer(whom, m_options.timeoutMs);
   return false;
+}
+
+bool Session::next(const WireClient::Wanted& wanted, Clock::time_point deadline, WireClient::Message& message) {
+  const uint32_t own = address();
+  const auto wantedOrWakeUp = [&](const WireClient::Message& candidate) {
+    return isWakeUp(candidate, own) || wanted(candidate);
+  };
+  return m_client->receive(wantedOrWakeUp, deadline, message) && !isWakeUp(message, own);
+}
+
+bool Session::pause(Clock::time_point deadline) {
+  WireClient::Message ignored;
+  next([](const WireClient::Message&) { return false; }, deadline, ignored);
+  return !interrupted();
 }
 
 }  // namespace Olmctl

@@ -40,7 +40,7 @@ constexpr int kMostCopiesRead = 500;
 uint32_t sicad(uint16_t nid, uint16_t cpid) { return (uint32_t{nid} << 16) | cpid; }
 
 std::unique_ptr<NodeProcess> startController() {
-  auto controller = std::make_unique<NodeProcess>(NodeProcess::Program{OLM_TEST_CONTROLLER}, Args{"--nid", hex(kController)});
+  auto controller = std::make_unique<NodeProcess>(NodeProcess::Program{{OLM_TEST_CONTROLLER, "--nid", hex(kController)}});
   EXPECT_TRUE(controller->waitForOutput("log collector: collecting the system log on node " + hex(kController)))
       << controller->output();
   return controller;

@@ -54,17 +54,14 @@ NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector
                          const std::function<void()>& inChild) {
   std::vector<std::string> command{executablePath()};
   command.insert(command.end(), args.begin(), args.end());
-  start(std::move(command), environment, inChild);
+  start(command, environment, inChild);
 }
 
-NodeProcess::NodeProcess(const Program& program, const std::vector<std::string>& args,
-                         const std::vector<std::string>& environment) {
-  std::vector<std::string> command{program.path};
-  command.insert(command.end(), args.begin(), args.end());
-  start(std::move(command), environment, {});
+NodeProcess::NodeProcess(const Program& program, const std::vector<std::string>& environment) {
+  start(program.command, environment, {});
 }
 
-void NodeProcess::start(std::vector<std::string> command, const std::vector<std::string>& environment,
+void NodeProcess::start(const std::vector<std::string>& command, const std::vector<std::string>& environment,
                         const std::function<void()>& inChild) {
   char area[] = "/tmp/olm-node-XXXXXX";
   if (mkdtemp(area) != nullptr) m_workingArea = area;
@@ -94,24 +91,21 @@ NodeProcess::~NodeProcess() {
     waitForExit();
   }
   if (m_outputFd >= 0) close(m_outputFd);
-  removeWorkingArea();
+  if (!m_workingArea.empty()) removeDirectoryWithMounts(m_workingArea);
 }
 
-// A node killed outright leaves its RAM file mount behind (the kernel answers ENOTCONN there);
-// detached, it no longer keeps the directory.
-void NodeProcess::removeWorkingArea() {
-  if (m_workingArea.empty()) return;
+void removeDirectoryWithMounts(const std::string& directory) {
   std::ifstream mountInfo("/proc/self/mountinfo");
   std::string line;
   std::vector<std::string> mounts;
   while (std::getline(mountInfo, line)) {
-    const size_t at = line.find(" " + m_workingArea + "/");
+    const size_t at = line.find(" " + directory + "/");
     if (at == std::string::npos) continue;
     mounts.push_back(line.substr(at + 1, line.find(' ', at + 1) - at - 1));
   }
   for (const std::string& mount : mounts) umount2(mount.c_str(), MNT_DETACH);
   std::error_code ignored;
-  std::filesystem::remove_all(m_workingArea, ignored);
+  std::filesystem::remove_all(directory, ignored);
 }
 
 std::string NodeProcess::ramFileMount(unsigned nid) const {

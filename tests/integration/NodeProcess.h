@@ -17,17 +17,15 @@ namespace OlmTest {
 
 class NodeProcess {
  public:
-  // A program that starts a node in its stead (a script that ends in exec of the node).
-  struct Program {
-    std::string path;
-  };
-
   // inChild runs in the child process just before the executable starts (e.g. to give it a
   // private mount namespace).
   NodeProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment = {},
               const std::function<void()>& inChild = {});
-  NodeProcess(const Program& program, const std::vector<std::string>& args,
-              const std::vector<std::string>& environment = {});
+  // Another program the same way, a tool running while the test watches it: command[0] is its path.
+  struct Program {
+    std::vector<std::string> command;
+  };
+  explicit NodeProcess(const Program& program, const std::vector<std::string>& environment = {});
   ~NodeProcess();  // kills the process if it still runs
   NodeProcess(const NodeProcess&) = delete;
   NodeProcess& operator=(const NodeProcess&) = delete;
@@ -49,11 +47,10 @@ class NodeProcess {
   bool running();
 
  private:
-  void start(std::vector<std::string> command, const std::vector<std::string>& environment,
-             const std::function<void()>& inChild);
   bool readSome(std::chrono::milliseconds timeout);
 
-  void removeWorkingArea();
+  void start(const std::vector<std::string>& command, const std::vector<std::string>& environment,
+             const std::function<void()>& inChild);
 
   pid_t m_pid = -1;
   std::string m_workingArea;
@@ -63,6 +60,10 @@ class NodeProcess {
   bool m_exited = false;
   int m_status = 0;
 };
+
+// Removes a directory tree after detaching the RAM file mounts that nodes killed outright left in
+// it (the kernel answers ENOTCONN there, and they keep the directories).
+void removeDirectoryWithMounts(const std::string& directory);
 
 // Paths of the built programs and libraries.
 std::string executablePath();

@@ -2,7 +2,8 @@
 // tick (OLM_PROBE_PERIOD_MS, default 100) it sends a numbered probe to the statistics EU of its own
 // node and, when OLM_STATS_PEER names one, of that node, and prints each echo that comes back. It
 // starts the idle meter on the first tick (period OLM_METER_MS, default 0), tries to start it a
-// second time, and prints a reading on every later tick. Lines:
+// second time, and prints a reading on every later tick; with OLM_PROBE_QUIET=1 it prints neither
+// echoes nor readings, so that a node kept busy for long never fills its output. Lines:
 //   StatsProbeEu ready
 //   echo #<n> id 0x<id> from 0x<sender> to 0x<receiver> payload <text>
 //   meter load=<load> min=<minimum> max=<maximum>
@@ -36,6 +37,7 @@ class StatsProbeEu : public Olm::IAaSysDispatcherSicHandler {
     dispatcher.AaSysDispatcherCpidBind(*this, kProbeCpid);
     m_peerNid = envNumber("OLM_STATS_PEER", 0);
     m_meterMs = envNumber("OLM_METER_MS", 0);
+    m_quiet = envNumber("OLM_PROBE_QUIET", 0) != 0;
     void* tick = AaSysComMsgCreate(kTickMsgId, 0, ownAddress());
     AaSysComMsgSetSender(tick, ownAddress());
     const uint32_t periodUs = envNumber("OLM_PROBE_PERIOD_MS", 100) * kUsPerMs;
@@ -48,7 +50,7 @@ class StatsProbeEu : public Olm::IAaSysDispatcherSicHandler {
   void ProcessMessage(void*& msg) override {
     if (AaSysComMsgGetId(msg) == kTickMsgId) {
       onTick();
-    } else {
+    } else if (!m_quiet) {
       printEcho(msg);
     }
     std::fflush(stdout);
@@ -65,7 +67,7 @@ class StatsProbeEu : public Olm::IAaSysDispatcherSicHandler {
     } else {
       uint32_t load = 0, minLoad = 0, maxLoad = 0;
       IdleMeterGetCpuLoad(&load, &minLoad, &maxLoad);
-      std::printf("meter load=%u min=%u max=%u\n", load, minLoad, maxLoad);
+      if (!m_quiet) std::printf("meter load=%u min=%u max=%u\n", load, minLoad, maxLoad);
     }
     sendProbe(AaSysComGetOwnNid());
     if (m_peerNid != 0) sendProbe(static_cast<TAaSysComNid>(m_peerNid));
@@ -87,6 +89,7 @@ class StatsProbeEu : public Olm::IAaSysDispatcherSicHandler {
 
   uint32_t m_peerNid = 0;
   uint32_t m_meterMs = 0;
+  bool m_quiet = false;
   uint32_t m_ticks = 0;
   uint32_t m_probes = 0;
 };

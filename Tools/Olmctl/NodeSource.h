@@ -1,0 +1,46 @@
+// Where the tool learns which nodes run. Today that is this host's platform library; nodes on
+// other hosts will come from the node map as a second source beside it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CommandLine.h"
+
+namespace Olmctl {
+
+struct ListedNode {
+  uint16_t nid = 0;
+  std::optional<uint32_t> waiting;  // messages sent to it and not yet received, where the source sees them
+  std::string host;                 // empty for this host
+};
+
+class INodeSource {
+ public:
+  virtual ~INodeSource() = default;
+  // The nodes the source knows to run; false with error when it cannot be read.
+  virtual bool list(std::vector<ListedNode>& nodes, std::string& error) = 0;
+};
+
+// The nodes of this host that the platform library serves (this user's; in RHYDDAL_NAMESPACE
+// when set).
+class HostNodeSource : public INodeSource {
+ public:
+  bool list(std::vector<ListedNode>& nodes, std::string& error) override;
+};
+
+// The sources the tool reads, this host's first.
+std::vector<std::unique_ptr<INodeSource>> nodeSources(const CommonOptions& options);
+
+// Every source's nodes in node id order; a node that several sources list appears once, as the
+// first of them lists it. False with the first source's error that could not be read.
+bool listNodes(const std::vector<std::unique_ptr<INodeSource>>& sources, std::vector<ListedNode>& nodes,
+               std::string& error);
+
+// The node ids the tool takes for itself when --nid does not name one.
+inline bool isToolNid(uint16_t nid) { return nid >= kFirstToolNid && nid <= kLastToolNid; }
+
+}  // namespace Olmctl

@@ -237,18 +237,20 @@ void SysLogCollector::follow(const void* msg) {
   if (status != SYSLOG_FOLLOW_STATUS_OK) {
     if (known != m_followers.end()) m_followers.erase(known);
     report("refused the follow request of 0x%08x (status %u)", address, status);
-    acknowledge(address, status, 0);
+    acknowledge(address, status, 0, false);
     return;
   }
   std::sort(nids.begin(), nids.end());
   nids.erase(std::unique(nids.begin(), nids.end()), nids.end());
-  if (known != m_followers.end()) {
-    known->nids = nids;
-  } else {
+  const bool started = known == m_followers.end();
+  // A follower repeating its request (to learn that it is still followed) is not reported again.
+  if (started || known->nids != nids) report("0x%08x follows %s", address, nidList(nids).c_str());
+  if (started) {
     m_followers.push_back(Follower{address, nids});
+  } else {
+    known->nids = nids;
   }
-  report("0x%08x follows %s", address, nidList(nids).c_str());
-  acknowledge(address, status, static_cast<uint32_t>(nids.size()));
+  acknowledge(address, status, static_cast<uint32_t>(nids.size()), started);
 }
 
 std::vector<SysLogCollector::Follower>::iterator SysLogCollector::findFollower(uint32_t address) {
@@ -262,8 +264,8 @@ void SysLogCollector::cancel(uint32_t address) {
   report("0x%08x stopped following", address);
 }
 
-void SysLogCollector::acknowledge(uint32_t address, uint32_t status, uint32_t followed) {
-  const uint32_t words[] = {status, followed};
+void SysLogCollector::acknowledge(uint32_t address, uint32_t status, uint32_t followed, bool started) {
+  const uint32_t words[] = {status, followed, started ? 1u : 0u};
   void* ack = AaSysComMsgCreate(SYSLOG_FOLLOW_ACK_MSG, sizeof(words), address);
   if (ack == nullptr) return;
   std::memcpy(AaSysComMsgGetPayload(ack), words, sizeof(words));

@@ -65,7 +65,7 @@ class SysLogCollector : public Olm::IAaSysDispatcherSicHandler {
   std::vector<Follower>::iterator findFollower(uint32_t address);
   void forward(uint32_t kind, uint16_t nid, const LteStamp& stamp, const std::string& text);
   bool transmitTo(uint32_t address, void* msg);
-  void acknowledge(uint32_t address, uint32_t status, uint32_t followed);
+  void acknowledge(uint32_t address, uint32_t status, uint32_t followed, bool started);
   void drop(uint32_t address, int error);
   static LteStamp lteNow();
   void report(const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -169,8 +169,8 @@ TEST_F(SysLogCollectorTest, ALineInTheOtherByteOrderIsReadAsTheBytesItHolds) {
 TEST_F(SysLogCollectorTest, FollowersGetCopiesOfTheLinesOfTheNodesTheyAskedFor) {
   followRequest(kFollowerA, {0});
   followRequest(kFollowerB, {2, kOtherNode, 0x1033});
-  EXPECT_EQ(acknowledgement(0), (Words{SYSLOG_FOLLOW_STATUS_OK, 0}));
-  EXPECT_EQ(acknowledgement(1), (Words{SYSLOG_FOLLOW_STATUS_OK, 2}));
+  EXPECT_EQ(acknowledgement(0), (Words{SYSLOG_FOLLOW_STATUS_OK, 0, 1}));
+  EXPECT_EQ(acknowledgement(1), (Words{SYSLOG_FOLLOW_STATUS_OK, 2, 1}));
   EXPECT_TRUE(printed("log collector: 0x1ff00777 follows every node"));
   EXPECT_TRUE(printed("log collector: 0x1ff10777 follows nodes 0x1022 0x1033"));
 
@@ -192,7 +192,7 @@ TEST_F(SysLogCollectorTest, FollowersGetCopiesOfTheLinesOfTheNodesTheyAskedFor) 
 
 TEST_F(SysLogCollectorTest, ARequestInTheOtherByteOrderIsReadInIt) {
   followRequest(kFollowerA, {__builtin_bswap32(1u), __builtin_bswap32(kOtherNode)}, kBigEndianWords);
-  EXPECT_EQ(acknowledgement(0), (Words{SYSLOG_FOLLOW_STATUS_OK, 1}));
+  EXPECT_EQ(acknowledgement(0), (Words{SYSLOG_FOLLOW_STATUS_OK, 1, 1}));
   line(kNode, "not followed");
   line(kOtherNode, "followed");
   ASSERT_EQ(copies().size(), 1u);
@@ -201,8 +201,12 @@ TEST_F(SysLogCollectorTest, ARequestInTheOtherByteOrderIsReadInIt) {
 
 TEST_F(SysLogCollectorTest, ANewRequestReplacesTheSelectionAndACancelEndsIt) {
   followRequest(kFollowerA, {1, kOtherNode});
+  followRequest(kFollowerA, {1, kOtherNode});
   followRequest(kFollowerA, {1, kNode});
   EXPECT_EQ(collector.followers(), (std::vector<uint32_t>{kFollowerA}));
+  EXPECT_EQ(acknowledgement(1), (Words{SYSLOG_FOLLOW_STATUS_OK, 1, 0})) << "a repeat renews, it does not start";
+  EXPECT_EQ(printedContaining("0x1ff00777 follows node 0x1022"), 1u) << "a repeat that changes nothing is not printed";
+  EXPECT_TRUE(printed("log collector: 0x1ff00777 follows node 0x1011"));
   line(kOtherNode, "no longer followed");
   line(kNode, "followed now");
   deliver(message(SYSLOG_FOLLOW_CANCEL_MSG, kFollowerA, nullptr, 0));
@@ -220,16 +224,16 @@ TEST_F(SysLogCollectorTest, RequestsThatCannotBeServedAreRefusedWithTheirReason)
   followRequest(kFollowerA, {1, 0x10000});
   const char stub[] = {1, 0};  // not even a whole count
   deliver(message(SYSLOG_FOLLOW_REQ_MSG, kFollowerA, stub, sizeof(stub)));
-  EXPECT_EQ(acknowledgement(0), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0}));
-  EXPECT_EQ(acknowledgement(1), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0}));
-  EXPECT_EQ(acknowledgement(2), (Words{SYSLOG_FOLLOW_STATUS_TOO_MANY_NIDS, 0}));
-  EXPECT_EQ(acknowledgement(3), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0}));
-  EXPECT_EQ(acknowledgement(4), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0}));
+  EXPECT_EQ(acknowledgement(0), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0, 0}));
+  EXPECT_EQ(acknowledgement(1), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0, 0}));
+  EXPECT_EQ(acknowledgement(2), (Words{SYSLOG_FOLLOW_STATUS_TOO_MANY_NIDS, 0, 0}));
+  EXPECT_EQ(acknowledgement(3), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0, 0}));
+  EXPECT_EQ(acknowledgement(4), (Words{SYSLOG_FOLLOW_STATUS_MALFORMED, 0, 0}));
   EXPECT_TRUE(collector.followers().empty());
 
   for (uint32_t i = 0; i < SYSLOG_FOLLOW_MAX_FOLLOWERS; ++i) followRequest(kFollowerA + (i << 16), {0});
   followRequest(0x2FFF0777, {0});
-  EXPECT_EQ(acknowledgement(runtime.sent().size() - 1), (Words{SYSLOG_FOLLOW_STATUS_TOO_MANY_FOLLOWERS, 0}));
+  EXPECT_EQ(acknowledgement(runtime.sent().size() - 1), (Words{SYSLOG_FOLLOW_STATUS_TOO_MANY_FOLLOWERS, 0, 0}));
   EXPECT_EQ(collector.followers().size(), SYSLOG_FOLLOW_MAX_FOLLOWERS);
   followRequest(kFollowerA, {SYSLOG_FOLLOW_MAX_NIDS + 1});
   EXPECT_EQ(collector.followers().size(), SYSLOG_FOLLOW_MAX_FOLLOWERS - 1) << "a refused request ends what was followed";
@@ -254,6 +258,11 @@ TEST_F(SysLogCollectorTest, AFollowerThatCannotTakeACopyIsDroppedAndTheOthersGoO
   m_sendRefusals[0x3FF00777] = -EHOSTUNREACH;
   followRequest(0x3FF00777, {0});
   EXPECT_TRUE(collector.followers().empty()) << "a follower whose acknowledgement fails is not kept";
+
+  m_sendRefusals.clear();
+  followRequest(kFollowerA, {0});
+  EXPECT_EQ(acknowledgement(runtime.sent().size() - 1), (Words{SYSLOG_FOLLOW_STATUS_OK, 0, 1}))
+      << "a dropped follower repeating its request learns that it starts again";
 }
 
 TEST_F(SysLogCollectorTest, QuietPrintsNoLinesButFollowersStillGetThem) {

@@ -18,12 +18,15 @@ extern "C" {
 
 /* Message ids. Direction and payload in the comment. */
 #define SYSLOG_FOLLOW_REQ_MSG 0x0977u    /* follower -> collector: count, then count node ids (0: every node) */
-#define SYSLOG_FOLLOW_ACK_MSG 0x0978u    /* collector -> follower: status, node ids followed (0: every node) */
+#define SYSLOG_FOLLOW_ACK_MSG 0x0978u    /* collector -> follower: status, node ids followed (0: every node), started */
 #define SYSLOG_FOLLOW_LINE_MSG 0x0979u   /* collector -> follower: kind, node id, LTE time (2 words), text */
 #define SYSLOG_FOLLOW_CANCEL_MSG 0x097Au /* follower -> collector: no payload; not answered */
 
 /* A follower is known by the sender address of its request: a new request from the same address
- * replaces its selection. At most this many followers at once, and node ids per request. */
+ * replaces its selection. The acknowledgement's third word is 1 when the request started the
+ * following (the address was not following), 0 when it renewed or changed it: a follower that
+ * repeats its request now and then learns from a 1 that it had been dropped. At most this many
+ * followers at once, and node ids per request. */
 #define SYSLOG_FOLLOW_MAX_FOLLOWERS 16u
 #define SYSLOG_FOLLOW_MAX_NIDS 64u
 

@@ -67,11 +67,9 @@ class Follower {
     std::vector<uint32_t> request{static_cast<uint32_t>(m_nids.size())};
     request.insert(request.end(), m_nids.begin(), m_nids.end());
     if (!m_node.send(SYSLOG_FOLLOW_REQ_MSG, sicad(kController, SYSLOG_COLLECTOR_CPID), address(), request)) return 2;
+    const std::vector<uint32_t> started{SYSLOG_FOLLOW_STATUS_OK, static_cast<uint32_t>(m_nids.size()), 1};
     WireNode::Message ack;
-    if (!m_node.receive(SYSLOG_FOLLOW_ACK_MSG, ack) || ack.words() != std::vector<uint32_t>{SYSLOG_FOLLOW_STATUS_OK, static_cast<uint32_t>(m_nids.size())}) {
-      return 3;
-    }
-    return 0;
+    return m_node.receive(SYSLOG_FOLLOW_ACK_MSG, ack) && ack.words() == started ? 0 : 3;
   }
 
   // Lines of the pinging nodes (the controller's own lines and nodes appearing come too when

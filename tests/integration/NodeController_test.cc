@@ -1,9 +1,11 @@
 // The controller node started with olm-controller, as an operator starts it, with real nodes: it
 // collects the system log of the groups that have no collector of their own and leaves the others
 // to theirs, prints nodes appearing and going, and passes lines on to followers (nodes the test
-// serves itself, as a tool would), several at once, dropping one that dies.
+// serves itself, as a tool would), several at once, dropping one that dies; olmctl log follows it
+// as the operator runs it.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,6 +40,24 @@ constexpr int kLinesToCheck = 5;
 constexpr int kMostCopiesRead = 500;
 
 uint32_t sicad(uint16_t nid, uint16_t cpid) { return (uint32_t{nid} << 16) | cpid; }
+
+// olmctl with a fresh node id of its own (under user-mode emulation a node id once served stays
+// taken) and the controller as its master.
+Args olmctl(const Args& args) {
+  Args command{OLM_TEST_OLMCTL, "--nid", hex(OlmTest::nextTestNid()), "--master", hex(kController)};
+  command.insert(command.end(), args.begin(), args.end());
+  return command;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t from = 0, end = 0; from < text.size(); from = end + 1) {
+    end = text.find('\n', from);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(from, end - from));
+  }
+  return lines;
+}
 
 std::unique_ptr<NodeProcess> startController() {
   auto controller = std::make_unique<NodeProcess>(NodeProcess::Program{{OLM_TEST_CONTROLLER, "--nid", hex(kController)}});
@@ -179,6 +199,65 @@ TEST(NodeController, FollowersGetTheLinesOfTheNodesTheyAskedForAndOneThatDiesIsD
   OlmTest::exitStatusOf(dying);
   EXPECT_TRUE(controller->waitForOutput("log collector: dropped follower " + hex(dyingNid) + "0777: it has gone\n"))
       << controller->output();
+}
+
+class NodeControllerOlmctlLog : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_controller = startController();
+    m_first = startPinger(kNodeOfGroup1, kSecondNodeOfGroup1);
+    m_second = startPinger(kSecondNodeOfGroup1, kNodeOfGroup1);
+    ASSERT_TRUE(m_controller->waitForOutput(pongLineOf(kNodeOfGroup1))) << m_controller->output();
+  }
+
+  std::unique_ptr<NodeProcess> m_controller, m_first, m_second;
+};
+
+TEST_F(NodeControllerOlmctlLog, ShowsTheLinesOfTheNodesNamedAsTheControllerPrintsThem) {
+  const OlmTest::ProgramRun run = OlmTest::runProgram(olmctl({"log", hex(kSecondNodeOfGroup1), "-n", "3"}));
+  EXPECT_EQ(run.status, 0) << run.err;
+  const std::regex line("0x3012 \\[\\d{4},\\d{4},\\d{2},\\d{5}\\] 3012 <[^>]+> [0-9A-F]+ INF/PingEu: \\d+ " +
+                        pongLineOf(kNodeOfGroup1));
+  const std::vector<std::string> lines = linesOf(run.out);
+  ASSERT_EQ(lines.size(), 3u) << run.out;
+  for (const std::string& one : lines) EXPECT_TRUE(std::regex_match(one, line)) << one;
+  EXPECT_TRUE(m_controller->waitForOutput("stopped following\n")) << "the tool cancels at its end";
+}
+
+TEST_F(NodeControllerOlmctlLog, GivesScriptsAJsonObjectPerLine) {
+  const OlmTest::ProgramRun run = OlmTest::runProgram(olmctl({"--json", "log", "-n", "2"}));
+  EXPECT_EQ(run.status, 0) << run.err;
+  size_t logLines = 0;
+  for (const std::string& one : linesOf(run.out)) {
+    EXPECT_TRUE(std::regex_match(one, std::regex("\\{\"kind\":\"(line|appeared|gone)\",\"node\":\\d+,\"hyperFrame\":\\d+,"
+                                                 "\"frame\":\\d+,\"slot\":\\d+,\"basicTimeUnit\":\\d+,\"text\":\".*\"\\}")))
+        << one;
+    if (one.find("\"kind\":\"line\"") != std::string::npos) ++logLines;
+  }
+  EXPECT_EQ(logLines, 2u) << run.out;
+}
+
+TEST_F(NodeControllerOlmctlLog, EndsOnInterruptAndTheCollectorStopsFollowing) {
+  NodeProcess log(NodeProcess::Program{olmctl({"log", hex(kNodeOfGroup1)})});
+  ASSERT_TRUE(log.waitForOutput(pongLineOf(kSecondNodeOfGroup1))) << log.output();
+  log.kill(SIGINT);
+  const int status = log.waitForExit();
+  ASSERT_TRUE(WIFEXITED(status)) << log.output();
+  EXPECT_EQ(WEXITSTATUS(status), 0) << log.output();
+  EXPECT_TRUE(m_controller->waitForOutput("stopped following\n")) << m_controller->output();
+}
+
+TEST(NodeControllerOlmctlLogFailures, NoCollectorAnsweringIsOneLineAndStatusOne) {
+  const OlmTest::ProgramRun nothing = OlmTest::runProgram(olmctl({"log"}));
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_EQ(nothing.err, "olmctl: node " + hex(kController) + " is not running\n");
+
+  NodeProcess bare({"--nid", hex(kController), "--wait", "1000"});
+  ASSERT_TRUE(OlmTest::waitUntilShownLive(kController));
+  const OlmTest::ProgramRun silent = OlmTest::runProgram(olmctl({"--timeout", "300", "log"}));
+  EXPECT_EQ(silent.status, 1);
+  EXPECT_EQ(silent.out, "");
+  EXPECT_EQ(silent.err, "olmctl: no answer from the log collector on node " + hex(kController) + " within 300 ms\n");
 }
 
 }  // namespace

@@ -15,9 +15,11 @@ install(TARGETS ${OLM_INSTALL_TARGETS} EXPORT OlmLiteRtTargets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
 install(FILES ${OLM_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
 # EU libraries of ours that a master node loads: plugins, so not part of the CMake package.
-install(TARGETS BrokerServer RadMaster LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/olmlite)
+install(TARGETS BrokerServer RadMaster SysLogCollector LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/olmlite)
 # The operator tool, beside OLMLiteExe; it links the platform library only.
 install(TARGETS olmctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The command that starts the controller node with those libraries.
+install(PROGRAMS ${PROJECT_BINARY_DIR}/Tools/Controller/install/olm-controller DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 install(EXPORT OlmLiteRtTargets NAMESPACE OlmLiteRt:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OlmLiteRt)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/OlmLiteRtConfig.cmake.in

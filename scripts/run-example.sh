@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Builds the runtime and starts a small system on this host: the master node 0x10F0 with the
-# broker server and the R&D master, two nodes, 0x1011 and 0x1012, each running the example PingEu
-# and NewsEu libraries, and their group's system log collector, node 0x101D. Each ping node pings
-# the other every second and prints what it gets, stamped with the LTE time; every two seconds each
-# publishes its news in the system zone and prints the news it receives, its own and the other
-# node's, through the broker server; the collector prints the nodes' system log lines. Ctrl-C stops
-# them all. While it runs, build/native/Tools/Olmctl/olmctl looks at the nodes and changes their
-# R&D parameters (olmctl nodes, olmctl top, olmctl rad get 0x1011 50).
+# Builds the runtime and starts a small system on this host: the controller, node 0x10F0 with the
+# broker server, the R&D master and the system log collector (olm-controller), and two nodes, 0x1011
+# and 0x1012, each running the example PingEu and NewsEu libraries. Each ping node pings the other
+# every second and prints what it gets, stamped with the LTE time; every two seconds each publishes
+# its news in the system zone and prints the news it receives, its own and the other node's,
+# through the broker server; the controller prints the nodes' system log lines with their node id
+# and LTE time, and nodes appearing and going. Ctrl-C stops them all. While it runs,
+# build/native/Tools/Olmctl/olmctl looks at the nodes and changes their R&D parameters (olmctl
+# nodes, olmctl top, olmctl rad get 0x1011 50).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup-debian.sh"
@@ -16,10 +17,8 @@ build_dir="$root/build/native"
 exe="$build_dir/Realtime/Executable/OLMLiteExe"
 eu="$build_dir/examples/PingEu/libPingEu.so"
 news_eu="$build_dir/examples/NewsEu/libNewsEu.so"
-server_eu="$build_dir/EuLibraries/BrokerServer/libBrokerServer.so"
-rad_master_eu="$build_dir/EuLibraries/RadMaster/libRadMaster.so"
+controller="$build_dir/Tools/Controller/olm-controller"
 master=0x10F0
-log_eu="$build_dir/examples/SysLogPrinterEu/libSysLogPrinterEu.so"
 pids=()
 stop() {
   trap - INT TERM EXIT
@@ -35,21 +34,19 @@ start_node() {
     > >(sed -u "s/^/$nid | /") 2>&1 &
   pids+=($!)
 }
-# The master first: proxies announce themselves to the broker server at their start, and the
+# The controller first: proxies announce themselves to the broker server at their start, and the
 # nodes subscribe to the news as they start.
-master_log=$(mktemp)
-OLM_BROKER_SERVER_VERBOSE=${OLM_BROKER_SERVER_VERBOSE:-0} "$exe" --nid $master --masternid $master --wait 1000 \
-  --load-local "$server_eu" --load-local "$rad_master_eu" > >(tee "$master_log" | sed -u "s/^/$master | /") 2>&1 &
+controller_log=$(mktemp)
+OLM_BROKER_SERVER_VERBOSE=${OLM_BROKER_SERVER_VERBOSE:-0} "$controller" --nid $master \
+  > >(tee "$controller_log" | sed -u "s/^/controller | /") 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do
-  grep -q "serving the system zone" "$master_log" && break
+  grep -q "serving the system zone" "$controller_log" && break
   sleep 0.1
 done
-rm -f "$master_log"
-"$exe" --nid 0x101D --masternid $master --wait 1000 --load-local "$log_eu" > >(sed -u "s/^/0x101D | /") 2>&1 &
-pids+=($!)
+rm -f "$controller_log"
 start_node 0x1011 0x1012
 start_node 0x1012 0x1011
 echo "Nodes 0x1011 and 0x1012 ping each other and exchange news through the broker server on 0x10F0;"
-echo "0x101D collects their system log. Ctrl-C stops them."
+echo "the controller prints their system log. Ctrl-C stops them."
 wait

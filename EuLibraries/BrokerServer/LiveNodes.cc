@@ -37,18 +37,23 @@ std::vector<uint16_t> liveNodesIn(const uint32_t* queueTable) {
   return nodes;
 }
 
-std::vector<uint16_t> liveNodes() {
+bool readLiveNodes(std::vector<uint16_t>& nodes) {
   const char* file = physicalMemoryFile();
   const int fd = file != nullptr ? open(file, O_RDONLY) : -1;
   void* table = fd >= 0 ? mmap(nullptr, RHYDDAL_QUEUE_TABLE_BYTES, PROT_READ, MAP_SHARED, fd, RHYDDAL_QUEUE_TABLE_PHYSICAL)
                         : MAP_FAILED;
   if (fd >= 0) close(fd);
-  if (table == MAP_FAILED) {
+  if (table == MAP_FAILED) return false;
+  nodes = liveNodesIn(static_cast<const uint32_t*>(table));
+  munmap(table, RHYDDAL_QUEUE_TABLE_BYTES);
+  return true;
+}
+
+std::vector<uint16_t> liveNodes() {
+  std::vector<uint16_t> nodes;
+  if (!readLiveNodes(nodes)) {
     AaSysLogPrintE(EAaSysLogSeverityLevel_Warning, AASYSMB_FEATURE_ID,
                    "BrokerServer: The queue table could not be mapped; live nodes are not asked to announce themselves.");
-    return {};
   }
-  std::vector<uint16_t> nodes = liveNodesIn(static_cast<const uint32_t*>(table));
-  munmap(table, RHYDDAL_QUEUE_TABLE_BYTES);
   return nodes;
 }

@@ -20,6 +20,7 @@
 #include "Mailbox.h"
 #include "MailboxDirectory.h"
 #include "MessagePool.h"
+#include "NodeAlias.h"
 #include "RadioClock.h"
 #include "RemoteNodes.h"
 #include "SysComFields.h"
@@ -186,9 +187,13 @@ class Bridge {
     }
   }
 
+  // Node ids with a live alias here are announced as running: the bridge delivers to the alias.
   void announceRunningNodes(MailboxDirectory& localNodes) {
     std::vector<uint8_t> body;
-    for (const uint16_t nid : listMailboxNids()) {
+    std::vector<uint16_t> reachable = listMailboxNids();
+    const std::vector<uint16_t> aliases = listAliasNids();
+    reachable.insert(reachable.end(), aliases.begin(), aliases.end());
+    for (const uint16_t nid : reachable) {
       int error = 0;
       if (map_.hostOf(nid) != own_ || localNodes.find(nid, &error) == nullptr) continue;
       body.push_back(static_cast<uint8_t>(nid));

@@ -5,6 +5,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 #include "Futex.h"
 #include "HostEnvironment.h"
+#include "NodeAlias.h"
 #include "PhysicalMemory.h"
 #include "SysComFields.h"
 
@@ -85,6 +87,7 @@ int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
   if (rc == 0 && bridge.map != nullptr) rc = RemoteNodes::open(&remoteNodes);
   if (rc == 0) rc = Mailbox::create(static_cast<uint16_t>(nid), settings_.laneBytes, &ownMailbox_);
   if (rc != 0) return rc;
+  revokeAlias(static_cast<uint16_t>(nid));
   bridge.laneBytes = settings_.laneBytes;
   bridge_ = bridge;
   remoteNodes_ = std::move(remoteNodes);
@@ -232,9 +235,33 @@ PoolStatistics EventMachine::poolStatistics() {
   return pool_.statistics();
 }
 
-void EventMachine::unlinkOwnMailbox() {
+// The alias is taken outside the process lock: it waits for node start-ups of the host.
+int EventMachine::alias(uint32_t nid) {
+  if (nid > kMaxNid) return -EINVAL;
+  uint16_t ownNid = 0;
+  uint32_t ownTid = 0;
+  {
+    ProcessLockGuard guard(lock_);
+    Mailbox* own = own_.load(std::memory_order_acquire);
+    if (own == nullptr) return -ENOTCONN;
+    ownNid = static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed));
+    ownTid = own->ownerTid();
+    if (nid == ownNid || placedOnOtherHost(static_cast<uint16_t>(nid))) return -EINVAL;
+  }
+  const int rc = takeAlias(static_cast<uint16_t>(nid), ownNid, ownTid);
+  if (rc != 0) return rc;
+  ProcessLockGuard guard(lock_);
+  if (std::find(aliases_.begin(), aliases_.end(), nid) == aliases_.end()) aliases_.push_back(static_cast<uint16_t>(nid));
+  return 0;
+}
+
+void EventMachine::unlinkOwnObjects() {
   Mailbox* own = own_.load(std::memory_order_acquire);
-  if (own != nullptr) own->unlinkName();
+  if (own == nullptr) return;
+  for (const uint16_t nid : aliases_) {
+    releaseAlias(nid, static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed)), own->ownerTid());
+  }
+  own->unlinkName();
 }
 
 // On success the buffer is held by the pool, and a raw event's handle is gone.
@@ -294,6 +321,7 @@ void EventMachine::afterForkInChild() {
   if (ownMailbox_ != nullptr) ownMailbox_->disownAfterFork();
   ownMailbox_.reset();
   directory_.clear();
+  aliases_.clear();
   bridge_ = BridgeSettings{};
   remoteNodes_.reset();
   lock_.resetInChild();

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "Bridge.h"
 #include "MailboxDirectory.h"
@@ -56,11 +57,13 @@ class EventMachine {
   int waitForEvent(uint32_t seconds, uint32_t nanoseconds);
   void* eventPointer(uint32_t event);
   void timingPageInUse();
+  // rhyddal_host_alias: 0, -ENOTCONN, -EINVAL, -EADDRINUSE, -EBUSY, other < 0 (NodeAlias.h).
+  int alias(uint32_t nid);
 
   PoolStatistics poolStatistics();
 
-  // Orderly exit of a server: its mailbox name goes away with it.
-  void unlinkOwnMailbox();
+  // Orderly exit of a server: its mailbox name and its aliases go away with it.
+  void unlinkOwnObjects();
 
   // fork(): the lock is taken before and released after, in parent and child alike; the child is
   // not the server of its parent's node and owns none of its parent's lanes.
@@ -100,6 +103,7 @@ class EventMachine {
   // host's bridge, while RemoteNodes says they are reachable.
   BridgeSettings bridge_;
   std::unique_ptr<RemoteNodes> remoteNodes_;
+  std::vector<uint16_t> aliases_;  // taken by this process's node
 };
 
 }  // namespace rhyddal

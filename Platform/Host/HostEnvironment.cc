@@ -1,5 +1,6 @@
 #include "HostEnvironment.h"
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -66,10 +67,37 @@ std::string objectPrefix() {
   return prefix;
 }
 
-std::string mailboxObjectName(uint16_t nid) {
+namespace {
+
+constexpr size_t kNidDigits = 4;
+
+std::string nidObjectName(const char* kind, uint16_t nid) {
   char digits[8];
   std::snprintf(digits, sizeof(digits), "%04x", static_cast<unsigned>(nid));
-  return "/" + objectPrefix() + "node-" + digits;
+  return "/" + objectPrefix() + kind + digits;
+}
+
+}  // namespace
+
+std::string mailboxObjectName(uint16_t nid) { return nidObjectName(kMailboxObjectKind, nid); }
+
+std::string aliasObjectName(uint16_t nid) { return nidObjectName(kAliasObjectKind, nid); }
+
+std::vector<uint16_t> nidsOfObjects(const char* kind) {
+  std::vector<uint16_t> nids;
+  const std::string prefix = objectPrefix() + kind;
+  DIR* directory = opendir(kShmDirectory);
+  if (directory == nullptr) return nids;
+  while (const dirent* entry = readdir(directory)) {
+    const char* name = entry->d_name;
+    if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
+    const char* digits = name + prefix.size();
+    char* end = nullptr;
+    const unsigned long nid = std::strtoul(digits, &end, 16);
+    if (end == digits + kNidDigits && *end == '\0' && nid <= 0xFFFF) nids.push_back(static_cast<uint16_t>(nid));
+  }
+  closedir(directory);
+  return nids;
 }
 
 std::string bridgeMailboxObjectName() { return "/" + objectPrefix() + "bridge"; }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace rhyddal {
 
@@ -29,8 +30,16 @@ bool namespaceUsable();
 // the environment on each call (tests fork and set it before the first platform call).
 std::string objectPrefix();
 
+// What follows the prefix in the names of nodes' mailboxes and of aliases, before the node id.
+constexpr char kMailboxObjectKind[] = "node-";
+constexpr char kAliasObjectKind[] = "alias-";
+
 // POSIX shm name of a node's receive mailbox: "/<prefix>node-<nid as 4 hex digits>".
 std::string mailboxObjectName(uint16_t nid);
+// POSIX shm name of the alias of a node id (NodeAlias.h): "/<prefix>alias-<nid as 4 hex digits>".
+std::string aliasObjectName(uint16_t nid);
+// The node ids of the objects in /dev/shm named "<prefix><kind><nid as 4 hex digits>".
+std::vector<uint16_t> nidsOfObjects(const char* kind);
 
 // POSIX shm name of the host's bridge mailbox: "/<prefix>bridge". Beside it the bridge keeps
 // "<prefix>bridge.lock", whose flock elects the process that runs the bridge, and

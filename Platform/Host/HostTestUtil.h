@@ -21,6 +21,7 @@
 
 #include "HostEnvironment.h"
 #include "Rhyddal.h"
+#include "Rendezvous.h"
 #include "TestNamespace.h"
 
 namespace rhyddal {
@@ -42,28 +43,7 @@ inline bool deadLockOwnersAreDetected() {
   } while (0)
 constexpr int kChildTimeoutMs = 20000;
 
-// A one-way wake-up between processes: notify() in one, waitFor() in the other.
-class Rendezvous {
- public:
-  Rendezvous() {
-    if (pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
-  }
-  ~Rendezvous() {
-    close(fds_[0]);
-    close(fds_[1]);
-  }
-  void notify(uint64_t value = 1) { (void)!write(fds_[1], &value, sizeof(value)); }
-  // The value notified, or 0 when nothing came within timeoutMs.
-  uint64_t waitFor(int timeoutMs = kChildTimeoutMs) {
-    pollfd readable{fds_[0], POLLIN, 0};
-    uint64_t value = 0;
-    if (poll(&readable, 1, timeoutMs) == 1 && read(fds_[0], &value, sizeof(value)) == sizeof(value)) return value;
-    return 0;
-  }
-
- private:
-  int fds_[2];
-};
+using OlmTest::Rendezvous;
 
 // A forked child whose exit status is body's result (0: pass); killed if still running at scope end.
 class ChildProcess {

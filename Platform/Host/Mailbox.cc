@@ -1,6 +1,5 @@
 #include "Mailbox.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <signal.h>
@@ -435,27 +434,18 @@ void Mailbox::unlinkName() {
   if (status.st_dev == device_ && status.st_ino == inode_) shm_unlink(name_.c_str());
 }
 
+int underNodeStartLock(const std::function<int()>& body) {
+  NodeStartLock startLock;
+  if (!startLock.held()) return -errno;
+  return body();
+}
+
 void removeMailboxOfDeadNode(uint16_t nid) {
   if (!namespaceUsable()) return;
   NodeStartLock startLock;
   if (startLock.held()) removeDeadMailbox(mailboxObjectName(nid));
 }
 
-std::vector<uint16_t> listMailboxNids() {
-  std::vector<uint16_t> nids;
-  const std::string prefix = objectPrefix() + "node-";
-  DIR* directory = opendir(kShmDirectory);
-  if (directory == nullptr) return nids;
-  while (const dirent* entry = readdir(directory)) {
-    const char* name = entry->d_name;
-    if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
-    const char* digits = name + prefix.size();
-    char* end = nullptr;
-    const unsigned long nid = std::strtoul(digits, &end, 16);
-    if (end == digits + 4 && *end == '\0' && nid <= 0xFFFF) nids.push_back(static_cast<uint16_t>(nid));
-  }
-  closedir(directory);
-  return nids;
-}
+std::vector<uint16_t> listMailboxNids() { return nidsOfObjects(kMailboxObjectKind); }
 
 }  // namespace rhyddal

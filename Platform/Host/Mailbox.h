@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -66,6 +67,8 @@ class Mailbox {
   PushResult push(const void* payload, uint32_t length, RecordKind kind);
   // True while the owning node's server thread lives. Reads one word; no lock, no system call.
   bool ownerAlive() const;
+  // The thread id of the owning node's server thread (who it is, not whether it lives).
+  uint32_t ownerTid() const { return header_->ownerTid; }
 
   // Consumer side: the owner only, serialised by the caller.
   // The next valid record copied into a pool buffer, or null when none is waiting (or the pool is
@@ -137,6 +140,10 @@ class Mailbox {
 
 // Node ids of the mailboxes present in /dev/shm (live or left behind by dead nodes).
 std::vector<uint16_t> listMailboxNids();
+
+// Runs body holding the lock node start-ups take (a flock, released by the kernel if we die): body's
+// result, or the negated errno when the lock cannot be had.
+int underNodeStartLock(const std::function<int()>& body);
 
 // Removes the mailbox of nid if no live node owns it (a node killed leaves its mailbox behind).
 void removeMailboxOfDeadNode(uint16_t nid);

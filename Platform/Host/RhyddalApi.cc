@@ -64,7 +64,7 @@ EventMachine& machine() {
 void prepareFork() { machine().prepareFork(); }
 void afterForkInParent() { machine().afterForkInParent(); }
 void afterForkInChild() { machine().afterForkInChild(); }
-void unlinkOwnMailboxAtExit() { machine().unlinkOwnMailbox(); }
+void unlinkOwnObjectsAtExit() { machine().unlinkOwnObjects(); }
 
 // Never destroyed: buffers may be freed and messages sent from destructors that run at exit.
 EventMachine* createMachine() {
@@ -87,7 +87,7 @@ int vak_em_server_init(uint32_t nid, uint32_t cpu, uint32_t flags, uint32_t* han
   (void)flags;
   const int rc = machine().serverInit(nid, cpu, handle);
   if (rc != 0) return rc;
-  std::atexit(rhyddal::unlinkOwnMailboxAtExit);
+  std::atexit(rhyddal::unlinkOwnObjectsAtExit);
   // A node whose CDMA time service cannot map the object still runs: its calls then fail softly.
   rhyddal::ensureBtsTimeSyncObject();
   return 0;
@@ -143,6 +143,8 @@ int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size) {
 }
 
 void rhyddal_host_timing_page_in_use(void) { machine().timingPageInUse(); }
+
+int rhyddal_host_alias(uint32_t nid) { return machine().alias(nid); }
 
 // A mailbox is listed while its owner lives: one left behind by a killed node is not a node.
 int rhyddal_host_live_nodes(struct rhyddal_host_node* nodes, uint32_t capacity) {

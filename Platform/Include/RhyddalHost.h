@@ -41,6 +41,22 @@ int rhyddal_host_shm_name(const char* systemName, char* name, uint32_t size);
  * vak_em_server_init; calling it again does nothing. */
 void rhyddal_host_timing_page_in_use(void);
 
+/* Makes what the processes of this host send to node id nid reach the node this process serves,
+ * for as long as no node runs at nid: a node of a group without a log collector of its own (the
+ * node id ending in hexadecimal D) keeps sending its lines there, and another node collects them.
+ * A node that starts at nid takes its id back at once; the alias ends with this process's node (it
+ * is removed at an orderly exit, and senders ignore the alias of a node that has gone). Taking an
+ * alias this process holds already changes nothing; call it again after a node at nid has gone to
+ * take the id back. Returns:
+ *   0             sends to nid reach this process's node
+ *   -ENOTCONN     this process serves no node (vak_em_server_init first)
+ *   -EINVAL       nid is above 0xFFFF or this process's own node id, the node map places nid on
+ *                 another host, or RHYDDAL_NAMESPACE is not a valid word
+ *   -EADDRINUSE   a node runs at nid
+ *   -EBUSY        nid is the alias of another live node
+ *   other < 0     the negated errno of a failed system call */
+int rhyddal_host_alias(uint32_t nid);
+
 /* One node that runs on this host, as rhyddal_host_live_nodes lists it. */
 struct rhyddal_host_node {
   uint16_t nid;

@@ -11,5 +11,6 @@ const Command& nodesCommand();
 const Command& statsCommand();
 const Command& topCommand();
 const Command& historyCommand();
+const Command& logCommand();
 
 }  // namespace Olmctl

@@ -3,6 +3,7 @@
 // master node with their own messages; it needs no runtime.
 //
 //   olmctl nodes      olmctl ping 0x1011 -c 3      olmctl top      olmctl rad get 0x1011 50
+//   olmctl log 0x1011
 //   olmctl --help     olmctl ping --help
 #include <algorithm>
 #include <cstdio>
@@ -33,8 +34,8 @@ constexpr char kCommonOptions[] =
     "\n"
     "Options (anywhere on the line, before a \"--\"):\n"
     "  --timeout MS  how long to wait for the answers to each request (default 2000)\n"
-    "  --master NID  the master node, where the R&D master runs (default $OLM_MASTER_NID,\n"
-    "                else 0x10f0)\n"
+    "  --master NID  the master node, where the R&D master and the log collector run\n"
+    "                (default $OLM_MASTER_NID, else 0x10f0)\n"
     "  --nid NID     the tool's own node id (default: the first free of 0x1ff0 to 0x1ff7)\n"
     "  --ram-root DIR\n"
     "                where the nodes keep their RAM files, as their OLM_RAM_ROOT does\n"
@@ -45,9 +46,9 @@ constexpr char kCommonOptions[] =
     "Numbers are decimal or 0x-hexadecimal. Exit status: 0 done, 1 failed (one line on standard\n"
     "error: an unknown node, no answer within the timeout, a refusal), 2 malformed command line.\n";
 
-const Command* const kCommands[] = {&Olmctl::nodesCommand(), &Olmctl::pingCommand(),  &Olmctl::statsCommand(),
-                                    &Olmctl::topCommand(),   &Olmctl::sendCommand(),  &Olmctl::historyCommand(),
-                                    &Olmctl::radCommand()};
+const Command* const kCommands[] = {&Olmctl::nodesCommand(), &Olmctl::pingCommand(),    &Olmctl::statsCommand(),
+                                    &Olmctl::topCommand(),   &Olmctl::sendCommand(),    &Olmctl::historyCommand(),
+                                    &Olmctl::logCommand(),   &Olmctl::radCommand()};
 
 // Every command's own options: the command line is read before the command is known.
 std::vector<Olmctl::CommandOption> allCommandOptions() {

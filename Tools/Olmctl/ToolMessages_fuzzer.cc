@@ -1,12 +1,14 @@
 // What the tool reads from others, of any length and content: echo replies (the first two bytes
 // are the header's flags, the next four the sender, the rest the payload, whose first word is taken
 // as the tool's token so that the decoding goes past the match), a reply as send --wait prints it,
-// and the whole input as a node's statistics record file.
+// the log collector's lines and answers as log shows them, and the whole input as a node's
+// statistics record file.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "Echo.h"
+#include "LogMessages.h"
 #include "SendMessages.h"
 #include "StatsRecord.h"
 
@@ -25,5 +27,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<uint32_t> words = message.words();
   Olmctl::echoReply(message, words.empty() ? 0 : words[0]);
   Olmctl::payloadLines(message.payload);
+  if (const std::optional<Olmctl::LogEntry> entry = Olmctl::logEntry(message)) {
+    Olmctl::logEntryText(*entry);
+    Olmctl::logEntryJson(*entry);
+  }
+  Olmctl::followAnswer(message);
   return 0;
 }

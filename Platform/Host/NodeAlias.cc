@@ -1,0 +1,162 @@
+#include "NodeAlias.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "HostEnvironment.h"
+#include "Mailbox.h"
+
+namespace rhyddal {
+namespace {
+
+constexpr size_t kRecordBytes = sizeof(AliasRecord);
+
+// A writable mapping of an alias object, unmapped with the object.
+class WritableAlias {
+ public:
+  // The alias of nid as it stands, complete or not; null when there is none.
+  static std::unique_ptr<WritableAlias> open(uint16_t nid) {
+    const int fd = shm_open(aliasObjectName(nid).c_str(), O_RDWR | O_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    struct stat status {};
+    void* mapping = MAP_FAILED;
+    if (fstat(fd, &status) == 0 && static_cast<size_t>(status.st_size) >= kRecordBytes) {
+      mapping = mmap(nullptr, kRecordBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    close(fd);
+    if (mapping == MAP_FAILED) return nullptr;
+    return std::unique_ptr<WritableAlias>(new WritableAlias(static_cast<AliasRecord*>(mapping)));
+  }
+  ~WritableAlias() { munmap(record_, kRecordBytes); }
+  WritableAlias(const WritableAlias&) = delete;
+  WritableAlias& operator=(const WritableAlias&) = delete;
+
+  AliasRecord& record() { return *record_; }
+  bool complete() const {
+    return record_->magic.load(std::memory_order_acquire) == kAliasMagic && record_->layoutVersion == kAliasLayoutVersion;
+  }
+  bool isOf(uint16_t target, uint32_t targetTid) const {
+    return complete() && record_->target == target && record_->targetTid == targetTid;
+  }
+  // Whether a sender would follow it now.
+  bool live() const {
+    if (!complete() || record_->revoked.load(std::memory_order_acquire) != 0) return false;
+    std::shared_ptr<Mailbox> target;
+    return Mailbox::open(static_cast<uint16_t>(record_->target), &target) == 0 && target->ownerAlive() &&
+           target->ownerTid() == record_->targetTid;
+  }
+
+ private:
+  explicit WritableAlias(AliasRecord* record) : record_(record) {}
+  AliasRecord* record_;
+};
+
+// Senders that mapped the alias stop following it before its name goes.
+void revokeAndUnlink(uint16_t nid, WritableAlias& alias) {
+  alias.record().revoked.store(1, std::memory_order_release);
+  shm_unlink(aliasObjectName(nid).c_str());
+}
+
+bool liveNodeAt(uint16_t nid) {
+  std::shared_ptr<Mailbox> mailbox;
+  return Mailbox::open(nid, &mailbox) == 0 && mailbox->ownerAlive();
+}
+
+// The record is written before its magic, so a sender that opens the object in between takes it
+// for absent.
+int createAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
+  const std::string name = aliasObjectName(alias);
+  const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return -errno;
+  void* mapping = MAP_FAILED;
+  if (ftruncate(fd, static_cast<off_t>(kRecordBytes)) == 0) {
+    mapping = mmap(nullptr, kRecordBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  }
+  const int rc = mapping == MAP_FAILED ? -errno : 0;
+  close(fd);
+  if (rc != 0) {
+    shm_unlink(name.c_str());
+    return rc;
+  }
+  auto* record = new (mapping) AliasRecord{};
+  record->layoutVersion = kAliasLayoutVersion;
+  record->alias = alias;
+  record->target = target;
+  record->targetTid = targetTid;
+  record->magic.store(kAliasMagic, std::memory_order_release);
+  munmap(mapping, kRecordBytes);
+  return 0;
+}
+
+}  // namespace
+
+int takeAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
+  if (!namespaceUsable()) return -EINVAL;
+  return underNodeStartLock([&] {
+    if (liveNodeAt(alias)) return -EADDRINUSE;
+    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(alias)) {
+      if (existing->live()) return existing->isOf(target, targetTid) ? 0 : -EBUSY;
+      revokeAndUnlink(alias, *existing);  // of a node that has gone, or revoked and not yet removed
+    }
+    return createAlias(alias, target, targetTid);
+  });
+}
+
+void revokeAlias(uint16_t nid) {
+  if (!namespaceUsable()) return;
+  underNodeStartLock([nid] {
+    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(nid)) revokeAndUnlink(nid, *existing);
+    return 0;
+  });
+}
+
+// Without the start lock: this runs at exit, possibly from a signal handler that interrupted this
+// very process while it held the lock. Nothing can replace the alias meanwhile, as its node still
+// lives; a node starting at the id only removes it first.
+void releaseAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
+  if (!namespaceUsable()) return;
+  std::unique_ptr<WritableAlias> existing = WritableAlias::open(alias);
+  if (existing != nullptr && existing->isOf(target, targetTid)) revokeAndUnlink(alias, *existing);
+}
+
+int NodeAlias::open(uint16_t nid, std::shared_ptr<NodeAlias>* out) {
+  if (!namespaceUsable()) return -EINVAL;
+  const int fd = shm_open(aliasObjectName(nid).c_str(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd < 0) return errno == ENOENT ? -EHOSTUNREACH : -errno;
+  struct stat status {};
+  int rc = 0;
+  void* mapping = MAP_FAILED;
+  if (fstat(fd, &status) != 0) {
+    rc = -errno;
+  } else if (static_cast<size_t>(status.st_size) < kRecordBytes) {
+    rc = -EHOSTUNREACH;
+  } else if ((mapping = mmap(nullptr, kRecordBytes, PROT_READ, MAP_SHARED, fd, 0)) == MAP_FAILED) {
+    rc = -errno;
+  }
+  close(fd);
+  if (rc != 0) return rc;
+  const auto* record = static_cast<const AliasRecord*>(mapping);
+  if (record->magic.load(std::memory_order_acquire) != kAliasMagic || record->layoutVersion != kAliasLayoutVersion ||
+      record->alias != nid || record->target > 0xFFFF) {
+    munmap(mapping, kRecordBytes);
+    return -EHOSTUNREACH;
+  }
+  out->reset(new NodeAlias(record));
+  return 0;
+}
+
+NodeAlias::~NodeAlias() { munmap(const_cast<AliasRecord*>(record_), kRecordBytes); }
+
+bool NodeAlias::leadsTo(const Mailbox& mailbox) const {
+  return record_->revoked.load(std::memory_order_acquire) == 0 && mailbox.nid() == record_->target &&
+         mailbox.ownerTid() == record_->targetTid && mailbox.ownerAlive();
+}
+
+std::vector<uint16_t> listAliasNids() { return nidsOfObjects(kAliasObjectKind); }
+
+}  // namespace rhyddal

@@ -158,8 +158,9 @@ class Bridge {
       }
       // Traffic that never lets up must not hold back the announcements: peers would count this
       // host as down.
-      for (uint32_t forwarded = 1; void* message = mailbox_->pop(pool); ++forwarded) {
-        forward(message);
+      uint16_t origin = 0;
+      for (uint32_t forwarded = 1; void* message = mailbox_->pop(pool, &origin); ++forwarded) {
+        forward(origin, message);
         pool.release(message);
         if (forwarded % kForwardsBetweenClockReads == 0 && monotonicNanoseconds() >= nextAnnounce) break;
       }
@@ -170,8 +171,9 @@ class Bridge {
     }
   }
 
-  // The lane reader has checked that the header's total length lies within the record.
-  void forward(const void* message) {
+  // The lane reader has checked that the header's total length lies within the record. origin is
+  // the node the sending process serves, which the peer checks against this host.
+  void forward(uint16_t origin, const void* message) {
     const uint16_t nid = nidOf(sysComReceiver(message));
     const uint8_t host = map_.hostOf(nid);
     if (host == NodeMap::kNoHost || host == own_) {
@@ -179,8 +181,11 @@ class Bridge {
                      static_cast<unsigned>(nid));
       return;
     }
-    const Frame frames[] = {{endpointOf(host).data(), endpointOf(host).size()}, {message, sysComTotalLength(message)}};
-    if (!sendFrames(outbound_, frames, 2)) {
+    const WireEnvelope envelope = wireEnvelope(WireTag::kMessage, origin);
+    const Frame frames[] = {{endpointOf(host).data(), endpointOf(host).size()},
+                            {&envelope, sizeof(envelope)},
+                            {message, sysComTotalLength(message)}};
+    if (!sendFrames(outbound_, frames, 3)) {
       unsent_.report(monotonicNanoseconds(), "bridge dropped a message for node 0x%04x: %s", static_cast<unsigned>(nid),
                      zmq_errno() == EAGAIN ? "too many queued for its host" : "its host is not connected");
     }
@@ -194,11 +199,11 @@ class Bridge {
       body.push_back(static_cast<uint8_t>(nid));
       body.push_back(static_cast<uint8_t>(nid >> 8));
     }
-    const uint8_t tag = kLiveNodesTag;
+    const WireEnvelope envelope = wireEnvelope(WireTag::kLiveNodes, 0);
     for (size_t host = 0; host < map_.hosts().size(); ++host) {
       if (host == own_) continue;
       const std::string& peer = endpointOf(static_cast<uint8_t>(host));
-      const Frame frames[] = {{peer.data(), peer.size()}, {&tag, sizeof(tag)}, {body.data(), body.size()}};
+      const Frame frames[] = {{peer.data(), peer.size()}, {&envelope, sizeof(envelope)}, {body.data(), body.size()}};
       sendFrames(outbound_, frames, 3);  // a host not connected hears the next one
     }
   }
@@ -206,13 +211,13 @@ class Bridge {
   [[noreturn]] void runInbound() {
     MailboxDirectory receivers;
     RateLimitedReport undelivered;
-    BridgeInbound inbound(map_, own_, *remote_, [&](uint16_t nid, const void* message, uint32_t length) {
+    BridgeInbound inbound(map_, own_, *remote_, [&](uint16_t nid, uint16_t origin, const void* message, uint32_t length) {
       int error = 0;
       Mailbox* mailbox = receivers.find(nid, &error);
       if (mailbox == nullptr) {
         undelivered.report(monotonicNanoseconds(), "bridge dropped a message for node 0x%04x, which is not running",
                            static_cast<unsigned>(nid));
-      } else if (mailbox->push(message, length, RecordKind::kMessage) != PushResult::kDelivered) {
+      } else if (mailbox->push(message, length, RecordKind::kMessage, origin) != PushResult::kDelivered) {
         undelivered.report(monotonicNanoseconds(), "bridge dropped a message for node 0x%04x: its queue is full",
                            static_cast<unsigned>(nid));
       }

@@ -3,9 +3,11 @@
 // dropped with one line on stderr (rate-limited), never read past its end.
 //
 // A SysCom message is delivered only when its length agrees with its header, its receiver lives
-// on this host and its sender on the host that sent it. A live-node list updates which of that
-// host's node ids count as reachable (RemoteNodes); one naming a node id of another host is
-// dropped whole. A host not heard from for kPeerSilenceNs loses all its reachable bits.
+// on this host and the node id speaking (the envelope's origin) on the host that sent it. The
+// header's sender is not checked: a node passing a message on keeps the first sender there, who
+// may live on a third host. A live-node list updates which of that host's node ids count as
+// reachable (RemoteNodes); one naming a node id of another host is dropped whole. A host not heard
+// from for kPeerSilenceNs loses all its reachable bits.
 #pragma once
 
 #include <cstdint>
@@ -24,16 +26,17 @@ enum class ArrivalCheck {
   kTooShort,           // shorter than a SysCom header
   kLengthDisagrees,    // the frame is not as long as the header's total length
   kReceiverNotHere,    // the receiver's node id is not placed on this host
-  kSenderNotThePeers,  // the sender's node id is not placed on the host that sent it
+  kOriginNotThePeers,  // the node id speaking is not placed on the host that sent it
 };
 
-ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, const void* bytes, size_t size);
+ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, uint16_t origin,
+                                  const void* bytes, size_t size);
 
 class BridgeInbound {
  public:
-  // Called for each message that passed, with its receiver's node id; the message is valid only
-  // during the call.
-  using Deliver = std::function<void(uint16_t nid, const void* message, uint32_t length)>;
+  // Called for each message that passed, with its receiver's node id and the node id that spoke;
+  // the message is valid only during the call.
+  using Deliver = std::function<void(uint16_t nid, uint16_t origin, const void* message, uint32_t length)>;
 
   BridgeInbound(const NodeMap& map, uint8_t ownHost, RemoteNodes& remote, Deliver deliver);
 
@@ -50,7 +53,7 @@ class BridgeInbound {
   };
 
   uint8_t peerOf(const Frame& routingId) const;
-  void handleMessage(uint8_t peer, const Frame& message, uint64_t nowNs);
+  void handleMessage(uint8_t peer, uint16_t origin, const Frame& message, uint64_t nowNs);
   void handleLiveNodes(uint8_t peer, const Frame& body, uint64_t nowNs);
   void forget(uint8_t peer);
 

@@ -1,9 +1,10 @@
 // libFuzzer target: arbitrary ZeroMQ messages through the bridge's handling of what other hosts
-// send. Input, read front to back: per message a routing id choice (a host of the map, this host,
-// or bytes of the input), a frame count, then per frame a two-byte length and its bytes, and a
-// clock step. Every frame is a heap block of exactly its size, so AddressSanitizer sees any byte
-// read past it; a delivered message must be exactly as long as its header says and addressed to a
-// node of this host.
+// send. Input, read front to back: per message a choice byte (bits 0-1: the routing id, a host of
+// the map or, with 3, bytes of the input; bit 2: the second frame a well-formed envelope of a
+// kind and node id from the input), a frame count, then per frame a two-byte length and its bytes,
+// and a clock step. Every frame is a heap block of exactly its size, so AddressSanitizer sees any
+// byte read past it; a delivered message must be exactly as long as its header says, addressed to
+// a node of this host, and spoken by a node of the host that sent it.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -23,6 +24,10 @@ using namespace rhyddal;
 constexpr uint8_t kOwnHost = 1;
 constexpr size_t kMaxFrames = 5;
 constexpr uint64_t kClockStepNs = 50 * 1000 * 1000;
+constexpr uint8_t kRoutingIdFromInput = 3;
+constexpr uint8_t kEnvelopeBit = 4;
+
+uint8_t currentPeer = NodeMap::kNoHost;
 
 const NodeMap& theMap() {
   static const NodeMap map = [] {
@@ -39,11 +44,12 @@ const NodeMap& theMap() {
   return map;
 }
 
-void checkDelivery(uint16_t nid, const void* message, uint32_t length) {
+void checkDelivery(uint16_t nid, uint16_t origin, const void* message, uint32_t length) {
   std::vector<uint8_t> copy(length);
   std::memcpy(copy.data(), message, length);  // every byte readable
   if (length < kSysComHeaderBytes || sysComTotalLength(message) != length) std::abort();
   if (theMap().hostOf(nid) != kOwnHost || (sysComReceiver(message) >> 16) != nid) std::abort();
+  if (currentPeer == NodeMap::kNoHost || theMap().hostOf(origin) != currentPeer) std::abort();
 }
 
 std::unique_ptr<uint8_t[]> frameBytes(OlmTest::FuzzInput& input, size_t size) {
@@ -65,11 +71,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t count = 1 + input.byte() % kMaxFrames;
     std::vector<std::unique_ptr<uint8_t[]>> blocks;
     std::vector<Frame> frames;
+    const uint8_t routing = choice % 4;
+    currentPeer = routing == kRoutingIdFromInput ? NodeMap::kNoHost : static_cast<uint8_t>(routing % theMap().hosts().size());
     for (size_t i = 0; i < count; ++i) {
+      if (i == 1 && (choice & kEnvelopeBit) != 0) {
+        const uint8_t tag = input.byte();
+        const WireEnvelope envelope = wireEnvelope(static_cast<WireTag>(tag), input.word());
+        blocks.emplace_back(new uint8_t[sizeof(envelope)]);
+        std::memcpy(blocks.back().get(), &envelope, sizeof(envelope));
+        frames.push_back(Frame{blocks.back().get(), sizeof(envelope)});
+        continue;
+      }
       std::string routingId;
       size_t length = input.word();
-      if (i == 0 && choice % 4 != 3) {
-        routingId = theMap().hosts()[choice % 4 % theMap().hosts().size()].endpoint;
+      if (i == 0 && currentPeer != NodeMap::kNoHost) {
+        routingId = theMap().hosts()[currentPeer].endpoint;
         length = routingId.size();
       }
       blocks.push_back(frameBytes(input, length));

@@ -5,10 +5,14 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "HostTestUtil.h"
+#include "Mailbox.h"
 #include "Rhyddal.h"
 #include "TestNamespace.h"
 
@@ -72,6 +76,23 @@ int sendOnceReachable(void* message, uint32_t receiver) {
   }
 }
 
+// Starts a node of a host in a child process and waits until it serves; then body runs there, and
+// the process stays until killed (its host's bridge may run in it, and must outlive the crossing
+// of what body sent last). Null when the node did not start.
+std::unique_ptr<ChildProcess> startNodeOfHost(const System& system, unsigned host, uint16_t nid,
+                                              const std::function<int()>& body = [] { return 0; }) {
+  Rendezvous up;
+  auto process = std::make_unique<ChildProcess>([&] {
+    system.enter(host);
+    up.notify(becomeNode(nid) == 0 ? 1 : 2);
+    const int rc = body();
+    if (rc != 0) return rc;
+    pause();
+    return 0;
+  });
+  return up.waitFor() == 1 ? std::move(process) : nullptr;
+}
+
 // An echo node on host 2 sends back whatever comes; a node on host 1 sends messages of every size
 // with a few in flight and checks each echo, in order, byte for byte.
 TEST(Bridge, MessagesOfEverySizeCrossToAnotherHostAndBackInOrder) {
@@ -79,37 +100,23 @@ TEST(Bridge, MessagesOfEverySizeCrossToAnotherHostAndBackInOrder) {
   constexpr uint32_t kInFlight = 8;
   const System system(2);
   const uint16_t echoNid = System::nid(2, 1), senderNid = System::nid(1, 1);
-  Rendezvous echoUp;
-  ChildProcess echo([&] {
-    system.enter(2);
-    echoUp.notify(becomeNode(echoNid) == 0 ? 1 : 2);
-    const int rc = echoMessages(echoNid, kMessages, sendOnceReachable);
-    if (rc != 0) return rc;
-    pause();  // the host's bridge runs in this process: it must outlive the last echo's crossing
-    return 0;
-  });
-  ASSERT_EQ(echoUp.waitFor(), 1u);
+  auto echo = startNodeOfHost(system, 2, echoNid, [&] { return echoMessages(echoNid, kMessages, sendOnceReachable); });
+  ASSERT_NE(echo, nullptr);
   ChildProcess sender([&] {
     system.enter(1);
     if (becomeNode(senderNid) != 0) return 11;
     return exchangeWithEcho(senderNid, echoNid, kMessages, kInFlight, sendOnceReachable);
   });
   EXPECT_EQ(sender.wait(60000), 0);
-  EXPECT_EQ(echo.kill(), 128 + SIGKILL);
+  EXPECT_EQ(echo->kill(), 128 + SIGKILL);
 }
 
 // Host 3 is in the map but never comes up; node 0x2002 of host 2 never starts.
 TEST(Bridge, SendsToANodeNotRunningOrOnAHostThatIsDownFailAtOnce) {
   const System system(3);
   const uint16_t present = System::nid(2, 1), absent = System::nid(2, 2), onDownHost = System::nid(3, 1);
-  Rendezvous hostUp;
-  ChildProcess remote([&] {
-    system.enter(2);
-    hostUp.notify(becomeNode(present) == 0 ? 1 : 2);
-    pause();
-    return 0;
-  });
-  ASSERT_EQ(hostUp.waitFor(), 1u);
+  const auto remote = startNodeOfHost(system, 2, present);
+  ASSERT_NE(remote, nullptr);
   ChildProcess local([&] {
     system.enter(1);
     const uint16_t self = System::nid(1, 1);
@@ -167,6 +174,73 @@ TEST(Bridge, WhenTheBridgesProcessDiesAnotherNodeOfTheHostTakesItOver) {
   go.notify();
   EXPECT_EQ(second.wait(), 0);
   EXPECT_EQ(echo.kill(), 128 + SIGKILL);
+}
+
+// Node 1 of host 1 sends to node 1 of host 2, which passes each message on to node 1 of host 3
+// keeping node 1 of host 1 as its sender (as the broker server passes publications on); host 3's
+// node answers that first sender directly. What crosses each link is spoken by the node that sent
+// it, whatever sender the header names.
+TEST(Bridge, AMessagePassedOnAcrossAThirdHostKeepsItsFirstSender) {
+  constexpr uint32_t kMessages = 50;
+  const System system(3);
+  const uint16_t first = System::nid(1, 1), forwarder = System::nid(2, 1), last = System::nid(3, 1);
+  const uint32_t onward = sicAddress(last, kCpid);
+  const auto passOn = startNodeOfHost(system, 2, forwarder, [&] {
+    return echoMessages(forwarder, kMessages, [&](void* message, uint32_t) {
+      swapAddresses(message);  // back as it came: the first sender stays the sender
+      std::memcpy(static_cast<unsigned char*>(message) + 4, &onward, sizeof(onward));
+      return sendOnceReachable(message, onward);
+    });
+  });
+  const auto answer = startNodeOfHost(system, 3, last, [&] {
+    for (uint32_t i = 0; i < kMessages; ++i) {
+      void* message = receiveWithin(last, 10000);
+      if (message == nullptr) return 2;
+      if (senderOf(message) != sicAddress(first, kCpid)) return 3;
+      swapAddresses(message);
+      if (sendOnceReachable(message, sicAddress(first, kCpid)) != 0) return 4;
+    }
+    return 0;
+  });
+  ASSERT_NE(passOn, nullptr);
+  ASSERT_NE(answer, nullptr);
+  ChildProcess sender([&] {
+    system.enter(1);
+    if (becomeNode(first) != 0) return 11;
+    return exchangeWithEcho(first, forwarder, kMessages, 4, sendOnceReachable);
+  });
+  EXPECT_EQ(sender.wait(60000), 0);
+}
+
+// A process of host 1 writes into its bridge's mailbox as if it served a node of host 3: host 2
+// drops that message, and the genuine ones around it are echoed in order.
+TEST(Bridge, AHostCannotSpeakAsANodeOfAnotherHost) {
+  const System system(3);
+  const uint16_t echoNid = System::nid(2, 1), self = System::nid(1, 1), elsewhere = System::nid(3, 1);
+  const auto echo = startNodeOfHost(system, 2, echoNid, [&] { return echoMessages(echoNid, 3, sendOnceReachable); });
+  ASSERT_NE(echo, nullptr);
+  ChildProcess local([&] {
+    system.enter(1);
+    if (becomeNode(self) != 0) return 1;
+    const uint32_t to = sicAddress(echoNid, kCpid), from = sicAddress(self, kCpid);
+    if (sendOnceReachable(newMessage(64, to, from, 1), to) != 0) return 2;
+    std::shared_ptr<Mailbox> bridge;
+    if (Mailbox::openBridge(&bridge) != 0) return 3;
+    unsigned char forged[64];
+    writeTestMessage(forged, sizeof(forged), to, from, 2);
+    if (bridge->push(forged, sizeof(forged), RecordKind::kMessage, elsewhere) != PushResult::kDelivered) return 4;
+    // The forged record went into the bridge's mailbox before this one, and crosses the same link.
+    if (vakem_send(newMessage(64, to, from, 3), to) != 0) return 5;
+    for (const uint32_t seed : {1u, 3u}) {
+      void* echoed = receiveWithin(self, 10000);
+      if (echoed == nullptr || !isTestMessage(echoed, 64, seed)) return 6;
+      vakem_free(echoed);
+    }
+    if (vakem_send(newMessage(64, to, from, 4), to) != 0) return 7;
+    void* echoed = receiveWithin(self, 10000);
+    return echoed != nullptr && isTestMessage(echoed, 64, 4) ? 0 : 8;
+  });
+  EXPECT_EQ(local.wait(), 0);
 }
 
 TEST(Bridge, ANodeRefusesToStartWithAMapThatIsWrongOrDoesNotPlaceIt) {

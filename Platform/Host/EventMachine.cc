@@ -242,7 +242,8 @@ int EventMachine::transmit(void* buffer, uint32_t length, RecordKind kind, uint1
   int error = 0;
   Mailbox* target = mailboxFor(nid, &error);
   if (target == nullptr) return error;
-  const int rc = pushResultCode(target->push(buffer, length, kind));
+  const uint16_t origin = static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed));
+  const int rc = pushResultCode(target->push(buffer, length, kind, origin));
   if (rc != 0) return rc;
   uint32_t boundEvent = 0;
   pool_.hold(buffer, &boundEvent);

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "BridgeCurve.h"
 #include "BridgeInbound.h"
 #include "BridgeWire.h"
 #include "HostEnvironment.h"
@@ -23,6 +24,7 @@
 #include "RadioClock.h"
 #include "RemoteNodes.h"
 #include "SysComFields.h"
+#include "ZmqFrames.h"
 
 namespace rhyddal {
 namespace {
@@ -68,14 +70,14 @@ void* newRouterSocket(void* context) {
   return socket;
 }
 
-// One ZeroMQ message, sent as a whole or not at all: ROUTER sockets check the peer and its queue at
-// the first frame, and take the rest without waiting.
-bool sendFrames(void* socket, const Frame* frames, size_t count) {
-  for (size_t i = 0; i < count; ++i) {
-    const int more = i + 1 < count ? ZMQ_SNDMORE : 0;
-    if (zmq_send(socket, frames[i].data, frames[i].size, ZMQ_DONTWAIT | more) < 0) return false;
+// Addresses no other machine can reach. Plain links anywhere else let any machine that reaches
+// the address speak as this host's peers.
+bool isLocalOnly(const std::string& endpoint) {
+  static const char* const kLocalPrefixes[] = {"ipc://", "tcp://127.", "tcp://localhost:", "tcp://[::1]:"};
+  for (const char* prefix : kLocalPrefixes) {
+    if (endpoint.compare(0, std::strlen(prefix), prefix) == 0) return true;
   }
-  return true;
+  return false;
 }
 
 class Bridge {
@@ -119,7 +121,7 @@ class Bridge {
     remote_->clearAll();
     outbound_ = newRouterSocket(context_);
     inbound_ = newRouterSocket(context_);
-    if (outbound_ == nullptr || inbound_ == nullptr) {
+    if (outbound_ == nullptr || inbound_ == nullptr || !secureLinks()) {
       std::fprintf(stderr, "rhyddal: no bridge to other hosts: %s\n", zmq_strerror(zmq_errno()));
       return false;
     }
@@ -131,6 +133,20 @@ class Bridge {
 
   const std::string& endpointOf(uint8_t host) const { return map_.hosts()[host].endpoint; }
 
+  // With keys, the authentication handler must answer before the bound socket takes its first
+  // connection: it is bound here, before the inbound thread binds.
+  bool secureLinks() {
+    if (!map_.hasKeys()) {
+      if (!isLocalOnly(endpointOf(own_))) {
+        std::fprintf(stderr, "rhyddal: bridge: plain links (no keys in the map) on %s: whoever reaches it may speak as the other hosts\n",
+                     endpointOf(own_).c_str());
+      }
+      return true;
+    }
+    zap_ = std::make_unique<ZapHandler>(map_, own_);
+    return zap_->bind(context_) && makeCurveServer(inbound_, map_) && makeCurveClient(outbound_, map_, own_);
+  }
+
   // The peers' bound sockets know us by our endpoint; we know each of them by theirs.
   void connectToOtherHosts() {
     setOption(outbound_, ZMQ_ROUTING_ID, endpointOf(own_));
@@ -139,6 +155,7 @@ class Bridge {
     for (size_t host = 0; host < map_.hosts().size(); ++host) {
       if (host == own_) continue;
       setOption(outbound_, ZMQ_CONNECT_ROUTING_ID, endpointOf(static_cast<uint8_t>(host)));
+      if (map_.hasKeys()) expectCurveServer(outbound_, map_, static_cast<uint8_t>(host));
       if (zmq_connect(outbound_, endpointOf(static_cast<uint8_t>(host)).c_str()) != 0) {
         std::fprintf(stderr, "rhyddal: bridge cannot connect to %s: %s\n", endpointOf(static_cast<uint8_t>(host)).c_str(),
                      zmq_strerror(zmq_errno()));
@@ -185,7 +202,7 @@ class Bridge {
     const Frame frames[] = {{endpointOf(host).data(), endpointOf(host).size()},
                             {&envelope, sizeof(envelope)},
                             {message, sysComTotalLength(message)}};
-    if (!sendFrames(outbound_, frames, 3)) {
+    if (!sendFrames(outbound_, frames, 3, ZMQ_DONTWAIT)) {
       unsent_.report(monotonicNanoseconds(), "bridge dropped a message for node 0x%04x: %s", static_cast<unsigned>(nid),
                      zmq_errno() == EAGAIN ? "too many queued for its host" : "its host is not connected");
     }
@@ -204,7 +221,7 @@ class Bridge {
       if (host == own_) continue;
       const std::string& peer = endpointOf(static_cast<uint8_t>(host));
       const Frame frames[] = {{peer.data(), peer.size()}, {&envelope, sizeof(envelope)}, {body.data(), body.size()}};
-      sendFrames(outbound_, frames, 3);  // a host not connected hears the next one
+      sendFrames(outbound_, frames, 3, ZMQ_DONTWAIT);  // a host not connected hears the next one
     }
   }
 
@@ -232,8 +249,9 @@ class Bridge {
         bound = bind(nextBind == 0);
         nextBind = now + kBindRetryNs;
       }
-      zmq_pollitem_t item{inbound_, 0, ZMQ_POLLIN, 0};
-      zmq_poll(&item, 1, static_cast<long>(kAnnouncePeriodNs / kNanosecondsPerMillisecond));
+      zmq_pollitem_t items[] = {{inbound_, 0, ZMQ_POLLIN, 0}, {zap_ != nullptr ? zap_->socket() : nullptr, 0, ZMQ_POLLIN, 0}};
+      zmq_poll(items, zap_ != nullptr ? 2 : 1, static_cast<long>(kAnnouncePeriodNs / kNanosecondsPerMillisecond));
+      if (zap_ != nullptr) zap_->answerWaiting(monotonicNanoseconds());
       while (receiveOne(inbound)) {
       }
       inbound.expireSilentPeers(monotonicNanoseconds());
@@ -250,31 +268,20 @@ class Bridge {
     return false;
   }
 
-  // Reads one whole message (ZeroMQ delivers all its frames together). Frames beyond kFramesKept
-  // are read and let go; the count kept tells the handler there were too many.
+  // Frames beyond kFramesKept are let go; the count tells the handler there were too many. With
+  // keys, the key the authentication handler accepted for the connection comes with every frame.
   bool receiveOne(BridgeInbound& inbound) {
     zmq_msg_t parts[kFramesKept];
-    size_t kept = 0;
-    for (bool more = true, first = true; more; first = false) {
-      zmq_msg_t surplus;
-      zmq_msg_t& part = kept < kFramesKept ? parts[kept] : surplus;
-      zmq_msg_init(&part);
-      if (zmq_msg_recv(&part, inbound_, first ? ZMQ_DONTWAIT : 0) < 0) {
-        zmq_msg_close(&part);
-        break;
-      }
-      more = zmq_msg_more(&part) != 0;
-      if (&part == &surplus) {
-        zmq_msg_close(&surplus);
-      } else {
-        ++kept;
-      }
-    }
-    if (kept == 0) return false;
+    const size_t count = receiveFrames(inbound_, parts, kFramesKept);
+    if (count == 0) return false;
+    const size_t kept = count < kFramesKept ? count : kFramesKept;
     Frame frames[kFramesKept];
     for (size_t i = 0; i < kept; ++i) frames[i] = Frame{zmq_msg_data(&parts[i]), zmq_msg_size(&parts[i])};
-    inbound.handle(frames, kept, monotonicNanoseconds());
-    for (size_t i = 0; i < kept; ++i) zmq_msg_close(&parts[i]);
+    // The routing id frame is the socket's own making: the properties of the connection come with
+    // the frames that crossed it.
+    const char* peerKey = zap_ != nullptr && kept > 1 ? zmq_msg_gets(&parts[1], "User-Id") : nullptr;
+    inbound.handle(frames, kept, peerKey, monotonicNanoseconds());
+    closeFrames(parts, kept);
     return true;
   }
 
@@ -287,6 +294,7 @@ class Bridge {
   void* context_ = nullptr;
   void* outbound_ = nullptr;
   void* inbound_ = nullptr;
+  std::unique_ptr<ZapHandler> zap_;  // with keys only
   RateLimitedReport unsent_;
 };
 
@@ -310,14 +318,14 @@ int nodeMapFromEnvironment(uint16_t ownNid, BridgeSettings* settings) {
     std::fprintf(stderr, "rhyddal: the node map is not used, and no node can run until it is right\n");
     return -EINVAL;
   }
-  if (map->hasKeys()) {
-    std::fprintf(stderr, "rhyddal: %s=%s has keys, but encrypted links are not built yet: no node can run with it\n",
-                 kNodeMapVariable, path);
-    return -EINVAL;
-  }
   settings->ownHost = map->hostOf(ownNid);
   if (settings->ownHost == NodeMap::kNoHost) {
     std::fprintf(stderr, "rhyddal: %s=%s places node 0x%04x on no host\n", kNodeMapVariable, path, static_cast<unsigned>(ownNid));
+    return -EINVAL;
+  }
+  const std::string keysProblem = curveKeysProblem(*map, settings->ownHost);
+  if (!keysProblem.empty()) {
+    std::fprintf(stderr, "rhyddal: %s=%s: %s; no node can run with it\n", kNodeMapVariable, path, keysProblem.c_str());
     return -EINVAL;
   }
   settings->map = std::move(map);

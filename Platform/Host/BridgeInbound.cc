@@ -44,12 +44,17 @@ ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t p
 }
 
 BridgeInbound::BridgeInbound(const NodeMap& map, uint8_t ownHost, RemoteNodes& remote, Deliver deliver)
-    : map_(map), ownHost_(ownHost), remote_(remote), deliver_(std::move(deliver)), peers_(map.hosts().size()) {}
+    : map_(map), ownHost_(ownHost), keyed_(map.hasKeys()), remote_(remote), deliver_(std::move(deliver)), peers_(map.hosts().size()) {}
 
-void BridgeInbound::handle(const Frame* frames, size_t count, uint64_t nowNs) {
+void BridgeInbound::handle(const Frame* frames, size_t count, const char* peerKey, uint64_t nowNs) {
   const uint8_t peer = count != 0 ? peerOf(frames[0]) : NodeMap::kNoHost;
   if (peer == NodeMap::kNoHost) {
     dropped_.report(nowNs, "bridge dropped a message from a peer that is no other host of the map");
+    return;
+  }
+  if (keyed_ && (peerKey == nullptr || map_.hosts()[peer].publicKey != peerKey)) {
+    dropped_.report(nowNs, "bridge dropped a message from a peer calling itself %s whose key is not that host's",
+                    map_.hosts()[peer].endpoint.c_str());
     return;
   }
   WireEnvelope envelope{};

@@ -7,7 +7,8 @@
 // header's sender is not checked: a node passing a message on keeps the first sender there, who
 // may live on a third host. A live-node list updates which of that host's node ids count as
 // reachable (RemoteNodes); one naming a node id of another host is dropped whole. A host not heard
-// from for kPeerSilenceNs loses all its reachable bits.
+// from for kPeerSilenceNs loses all its reachable bits. With keys in the map, a message counts
+// only when the key its connection was authenticated with is the key of the host it claims to be.
 #pragma once
 
 #include <cstdint>
@@ -41,7 +42,9 @@ class BridgeInbound {
   BridgeInbound(const NodeMap& map, uint8_t ownHost, RemoteNodes& remote, Deliver deliver);
 
   // One ZeroMQ message as the receiving socket hands it over: frames[0] the peer's routing id.
-  void handle(const Frame* frames, size_t count, uint64_t nowNs);
+  // peerKey: with keys in the map, the public key (Z85) the connection was authenticated with, which
+  // must be the key of the host the routing id names; null for plain links.
+  void handle(const Frame* frames, size_t count, const char* peerKey, uint64_t nowNs);
   // Clears the bits of hosts silent for kPeerSilenceNs.
   void expireSilentPeers(uint64_t nowNs);
 
@@ -59,6 +62,7 @@ class BridgeInbound {
 
   const NodeMap& map_;
   const uint8_t ownHost_;
+  const bool keyed_;
   RemoteNodes& remote_;
   const Deliver deliver_;
   std::vector<Peer> peers_;

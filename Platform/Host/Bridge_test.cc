@@ -1,15 +1,21 @@
 // Nodes of two hosts through their bridges. Each "host" here is a namespace of platform objects of
 // its own (RHYDDAL_NAMESPACE) with the bridges on ipc endpoints, so nothing but the map joins
 // them: what crosses, crosses through ZeroMQ. Every node is a forked child.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <zmq.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <iterator>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "HostTestUtil.h"
 #include "Mailbox.h"
@@ -30,22 +36,33 @@ using namespace testing;
 constexpr uint16_t kCpid = 0x0123;
 constexpr uint64_t kReachableWithinMs = 10000;
 
-// A system of hosts on this machine: per host a platform namespace and an ipc endpoint, and
-// the map placing node ids 0x<h>000-0x<h>fff on host h (1, 2, ...).
+enum class Links { kPlain, kCurve };
+
+struct KeyPair {
+  std::string publicKey, secretKey;
+};
+
+KeyPair newKeyPair() {
+  char publicKey[41] = {}, secretKey[41] = {};
+  zmq_curve_keypair(publicKey, secretKey);
+  return KeyPair{publicKey, secretKey};
+}
+
+// A system of hosts on this machine: per host a platform namespace, an ipc endpoint and a map of
+// its own placing node ids 0x<h>000-0x<h>fff on host h (1, 2, ...). With keys, each host's map
+// lists every host's public key and its own secret key.
 class System {
  public:
-  explicit System(unsigned hosts, const std::string& extraLines = "") : base_(OlmTest::testNamespace()), hosts_(hosts) {
-    mapPath_ = "/tmp/olm-bridge-map-" + base_;
-    std::ofstream map(mapPath_);
-    for (unsigned host = 1; host <= hosts; ++host) {
-      map << std::hex << "0x" << host << "000-0x" << host << "fff ipc:///tmp/olm-bridge-" << base_ << "-" << host << "\n";
-    }
-    map << extraLines;
+  explicit System(unsigned hosts, const std::string& extraLines = "", Links links = Links::kPlain)
+      : base_(OlmTest::testNamespace()), hosts_(hosts), extraLines_(extraLines) {
+    for (unsigned host = 0; host <= hosts; ++host) keys_.push_back(links == Links::kCurve ? newKeyPair() : KeyPair{});
+    listed_ = keys_;
+    writeMaps();
   }
   ~System() {
-    std::remove(mapPath_.c_str());
     const std::string own = OlmTest::testNamespace();
     for (unsigned host = 1; host <= hosts_; ++host) {
+      std::remove(mapPath(host).c_str());
       setenv("RHYDDAL_NAMESPACE", hostNamespace(host).c_str(), 1);
       OlmTest::removeNamespaceObjects();
       std::remove(("/tmp/olm-bridge-" + base_ + "-" + std::to_string(host)).c_str());
@@ -56,14 +73,36 @@ class System {
   // In a child: become a process of that host.
   void enter(unsigned host) const {
     setenv("RHYDDAL_NAMESPACE", hostNamespace(host).c_str(), 1);
-    setenv("RHYDDAL_NODE_MAP", mapPath_.c_str(), 1);
+    setenv("RHYDDAL_NODE_MAP", mapPath(host).c_str(), 1);
   }
+  // The host takes a key pair of its own, which only its own map knows: the other hosts' maps
+  // keep the public key it had.
+  void impostor(unsigned host) {
+    keys_[host] = newKeyPair();
+    writeMaps();
+  }
+  const std::string& publicKey(unsigned host) const { return keys_[host].publicKey; }
 
  private:
   std::string hostNamespace(unsigned host) const { return base_ + "h" + std::to_string(host); }
+  std::string mapPath(unsigned host) const { return "/tmp/olm-bridge-map-" + base_ + "-" + std::to_string(host); }
+  void writeMaps() const {
+    for (unsigned self = 1; self <= hosts_; ++self) {
+      std::ofstream map(mapPath(self));
+      for (unsigned host = 1; host <= hosts_; ++host) {
+        map << std::hex << "0x" << host << "000-0x" << host << "fff ipc:///tmp/olm-bridge-" << base_ << "-" << host << " "
+            << (host == self ? keys_ : listed_)[host].publicKey << "\n";
+      }
+      if (!keys_[self].secretKey.empty()) map << "secret-key " << keys_[self].secretKey << "\n";
+      map << extraLines_;
+    }
+  }
+
   std::string base_;
   unsigned hosts_;
-  std::string mapPath_;
+  std::string extraLines_;
+  std::vector<KeyPair> keys_;    // per host (index 0 unused): the pair it holds
+  std::vector<KeyPair> listed_;  // the pair the other hosts' maps give it
 };
 
 // Sends, retrying while the receiver is not reachable yet (its host's bridge has not said it runs).
@@ -80,9 +119,15 @@ int sendOnceReachable(void* message, uint32_t receiver) {
 // the process stays until killed (its host's bridge may run in it, and must outlive the crossing
 // of what body sent last). Null when the node did not start.
 std::unique_ptr<ChildProcess> startNodeOfHost(const System& system, unsigned host, uint16_t nid,
-                                              const std::function<int()>& body = [] { return 0; }) {
+                                              const std::function<int()>& body = [] { return 0; },
+                                              const std::string& stderrPath = "") {
   Rendezvous up;
   auto process = std::make_unique<ChildProcess>([&] {
+    if (!stderrPath.empty()) {
+      const int fd = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+      if (fd < 0 || dup2(fd, STDERR_FILENO) < 0) return 99;
+      close(fd);
+    }
     system.enter(host);
     up.notify(becomeNode(nid) == 0 ? 1 : 2);
     const int rc = body();
@@ -91,6 +136,17 @@ std::unique_ptr<ChildProcess> startNodeOfHost(const System& system, unsigned hos
     return 0;
   });
   return up.waitFor() == 1 ? std::move(process) : nullptr;
+}
+
+// From a new node self of host: messages to echo and their echoes checked (exchangeWithEcho); the
+// sending process's exit status.
+int exchangeFromHost(const System& system, unsigned host, uint16_t self, uint16_t echo, uint32_t count, uint32_t inFlight) {
+  ChildProcess sender([&] {
+    system.enter(host);
+    if (becomeNode(self) != 0) return 11;
+    return exchangeWithEcho(self, echo, count, inFlight, sendOnceReachable);
+  });
+  return sender.wait(60000);
 }
 
 // An echo node on host 2 sends back whatever comes; a node on host 1 sends messages of every size
@@ -102,12 +158,7 @@ TEST(Bridge, MessagesOfEverySizeCrossToAnotherHostAndBackInOrder) {
   const uint16_t echoNid = System::nid(2, 1), senderNid = System::nid(1, 1);
   auto echo = startNodeOfHost(system, 2, echoNid, [&] { return echoMessages(echoNid, kMessages, sendOnceReachable); });
   ASSERT_NE(echo, nullptr);
-  ChildProcess sender([&] {
-    system.enter(1);
-    if (becomeNode(senderNid) != 0) return 11;
-    return exchangeWithEcho(senderNid, echoNid, kMessages, kInFlight, sendOnceReachable);
-  });
-  EXPECT_EQ(sender.wait(60000), 0);
+  EXPECT_EQ(exchangeFromHost(system, 1, senderNid, echoNid, kMessages, kInFlight), 0);
   EXPECT_EQ(echo->kill(), 128 + SIGKILL);
 }
 
@@ -204,12 +255,7 @@ TEST(Bridge, AMessagePassedOnAcrossAThirdHostKeepsItsFirstSender) {
   });
   ASSERT_NE(passOn, nullptr);
   ASSERT_NE(answer, nullptr);
-  ChildProcess sender([&] {
-    system.enter(1);
-    if (becomeNode(first) != 0) return 11;
-    return exchangeWithEcho(first, forwarder, kMessages, 4, sendOnceReachable);
-  });
-  EXPECT_EQ(sender.wait(60000), 0);
+  EXPECT_EQ(exchangeFromHost(system, 1, first, forwarder, kMessages, 4), 0);
 }
 
 // A process of host 1 writes into its bridge's mailbox as if it served a node of host 3: host 2
@@ -241,6 +287,49 @@ TEST(Bridge, AHostCannotSpeakAsANodeOfAnotherHost) {
     return echoed != nullptr && isTestMessage(echoed, 64, 4) ? 0 : 8;
   });
   EXPECT_EQ(local.wait(), 0);
+}
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path);
+  return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+}
+
+// Whether the file holds text, within kReachableWithinMs.
+bool fileShows(const std::string& path, const std::string& text) {
+  const uint64_t deadline = nowNs() + kReachableWithinMs * kNanosecondsPerMillisecond;
+  for (;;) {
+    if (contentOf(path).find(text) != std::string::npos) return true;
+    if (nowNs() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+// With keys, links are encrypted and a host gets in only with the key the map gives it. Host 3
+// holds another key than the one hosts 1 and 2 list for it: host 2 refuses it in one line, and
+// host 3 never reaches host 2's nodes, while host 1, holding its key, does.
+TEST(Bridge, WithKeysOnlyAHostHoldingTheKeyTheMapGivesItGetsThrough) {
+  constexpr uint32_t kMessages = 100;
+  System system(3, "", Links::kCurve);
+  system.impostor(3);
+  const std::string log = "/tmp/olm-bridge-log-" + OlmTest::testNamespace();
+  const uint16_t echoNid = System::nid(2, 1), senderNid = System::nid(1, 1), impostorNid = System::nid(3, 1);
+  const auto echo = startNodeOfHost(
+      system, 2, echoNid, [&] { return echoMessages(echoNid, kMessages, sendOnceReachable); }, log);
+  ASSERT_NE(echo, nullptr);
+  EXPECT_EQ(exchangeFromHost(system, 1, senderNid, echoNid, kMessages, 4), 0);
+  Rendezvous refused;
+  ChildProcess impostor([&] {
+    system.enter(3);
+    if (becomeNode(impostorNid) != 0) return 1;
+    refused.waitFor();
+    void* message = newMessage(64, sicAddress(echoNid, kCpid), sicAddress(impostorNid, kCpid), 1);
+    return vakem_send(message, sicAddress(echoNid, kCpid)) == -EHOSTUNREACH ? 0 : 2;
+  });
+  EXPECT_TRUE(fileShows(log, "its key " + system.publicKey(3) + " is not the public key of another host of the map"))
+      << contentOf(log);
+  refused.notify();
+  EXPECT_EQ(impostor.wait(), 0);
+  std::remove(log.c_str());
 }
 
 TEST(Bridge, ANodeRefusesToStartWithAMapThatIsWrongOrDoesNotPlaceIt) {

@@ -1,6 +1,7 @@
 #include "TestHost.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -42,6 +43,26 @@ int waitForStatus(pid_t child) {
 }
 
 }  // namespace
+
+Signal::Signal() {
+  if (pipe2(m_fds, O_CLOEXEC) != 0) m_fds[0] = m_fds[1] = -1;
+}
+
+Signal::~Signal() {
+  close(m_fds[0]);
+  close(m_fds[1]);
+}
+
+void Signal::send(uint64_t value) { (void)!write(m_fds[1], &value, sizeof(value)); }
+
+uint64_t Signal::wait(std::chrono::milliseconds timeout) {
+  pollfd readable{m_fds[0], POLLIN, 0};
+  uint64_t value = 0;
+  if (poll(&readable, 1, static_cast<int>(timeout.count())) == 1 && read(m_fds[0], &value, sizeof(value)) == sizeof(value)) {
+    return value;
+  }
+  return 0;
+}
 
 // The keeper makes the namespaces and then only waits; it dies with the test if the test dies.
 TestHost::TestHost() {

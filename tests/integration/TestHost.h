@@ -6,10 +6,29 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace OlmTest {
+
+// One way between two processes of a test, made before the fork: values sent by one, waited for by
+// the other.
+class Signal {
+ public:
+  Signal();
+  ~Signal();
+  Signal(const Signal&) = delete;
+  Signal& operator=(const Signal&) = delete;
+
+  void send(uint64_t value = 1);
+  // The next value sent, or 0 when none came within timeout.
+  uint64_t wait(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+ private:
+  int m_fds[2] = {-1, -1};
+};
 
 class TestHost {
  public:

@@ -47,6 +47,9 @@ constexpr int kHeartbeatIntervalMs = 1000;
 constexpr int kHeartbeatTimeoutMs = 10000;
 constexpr uint32_t kForwardsBetweenClockReads = 64;
 constexpr uint64_t kBindRetryNs = 1000 * 1000 * 1000;
+// How long a new bridge waits for hosts that stay silent before it counts as settled (a host up
+// is heard within an announcement period of the connection being made).
+constexpr uint64_t kSettleNs = 1000 * 1000 * 1000;
 constexpr uint64_t kNanosecondsPerMillisecond = 1000 * 1000;
 constexpr size_t kFramesKept = 4;  // one more than a valid message has, to tell "too many"
 
@@ -109,16 +112,20 @@ class Bridge {
  private:
   // Holds the role for the rest of the process's life once it starts; false when it cannot. What
   // a predecessor knew of other hosts may be stale: every remote node counts as unreachable until
-  // its host says otherwise.
+  // its host says otherwise. That is done before the bridge's mailbox is made: a node starting
+  // takes a settled state for this bridge's only while the mailbox lives.
   bool serve() {
     int rc = RemoteNodes::open(&remote_);
-    if (rc == 0) rc = Mailbox::createBridge(settings_.laneBytes, &mailbox_);
+    if (rc == 0) {
+      remote_->clearAll();
+      remote_->setBridgeState(RemoteNodes::BridgeState::kStarting);
+      rc = Mailbox::createBridge(settings_.laneBytes, &mailbox_);
+    }
     context_ = rc == 0 ? zmq_ctx_new() : nullptr;
     if (context_ == nullptr) {
       std::fprintf(stderr, "rhyddal: no bridge to other hosts: %s\n", std::strerror(rc != 0 ? -rc : errno));
       return false;
     }
-    remote_->clearAll();
     outbound_ = newRouterSocket(context_);
     inbound_ = newRouterSocket(context_);
     if (outbound_ == nullptr || inbound_ == nullptr || !secureLinks()) {
@@ -242,7 +249,9 @@ class Bridge {
     setOption(inbound_, ZMQ_ROUTER_HANDOVER, 1);  // a restarted peer takes its routing id over at once
     setOption(inbound_, ZMQ_RCVHWM, kReceiveHighWaterMark);
     bool bound = false;
+    bool settled = false;
     uint64_t nextBind = 0;
+    const uint64_t startNs = monotonicNanoseconds();
     for (;;) {
       const uint64_t now = monotonicNanoseconds();
       if (!bound && now >= nextBind) {
@@ -255,6 +264,10 @@ class Bridge {
       while (receiveOne(inbound)) {
       }
       inbound.expireSilentPeers(monotonicNanoseconds());
+      if (!settled && (inbound.allPeersHeard() || monotonicNanoseconds() - startNs >= kSettleNs)) {
+        remote_->setBridgeState(RemoteNodes::BridgeState::kSettled);
+        settled = true;
+      }
     }
   }
 

@@ -81,6 +81,13 @@ void BridgeInbound::expireSilentPeers(uint64_t nowNs) {
   }
 }
 
+bool BridgeInbound::allPeersHeard() const {
+  for (size_t peer = 0; peer < peers_.size(); ++peer) {
+    if (peer != ownHost_ && !peers_[peer].heard) return false;
+  }
+  return true;
+}
+
 // The routing id is the peer's endpoint, compared as bytes: it need not be a C string.
 uint8_t BridgeInbound::peerOf(const Frame& routingId) const {
   const std::vector<MappedHost>& hosts = map_.hosts();
@@ -101,7 +108,18 @@ void BridgeInbound::handleMessage(uint8_t peer, uint16_t origin, const Frame& me
                     static_cast<unsigned>(origin), map_.hosts()[peer].endpoint.c_str(), reasonOf(check));
     return;
   }
+  markSpeaking(peer, origin);
   deliver_(nidOf(sysComReceiver(message.data)), origin, message.data, static_cast<uint32_t>(message.size));
+}
+
+// A node that speaks runs, whatever its host last said: its host names it in the next list only,
+// up to kAnnouncePeriodNs later, and the answer to a new node's first message must not fail. Kept
+// in the host's list, so a list without it clears it again.
+void BridgeInbound::markSpeaking(uint8_t peer, uint16_t origin) {
+  if (remote_.reachable(origin)) return;
+  std::vector<uint16_t>& live = peers_[peer].live;
+  live.insert(std::lower_bound(live.begin(), live.end(), origin), origin);
+  remote_.set(origin, true);
 }
 
 // Bits of nodes that are new are set before those of nodes that have gone are cleared, so a node

@@ -6,9 +6,10 @@
 // on this host and the node id speaking (the envelope's origin) on the host that sent it. The
 // header's sender is not checked: a node passing a message on keeps the first sender there, who
 // may live on a third host. A live-node list updates which of that host's node ids count as
-// reachable (RemoteNodes); one naming a node id of another host is dropped whole. A host not heard
-// from for kPeerSilenceNs loses all its reachable bits. With keys in the map, a message counts
-// only when the key its connection was authenticated with is the key of the host it claims to be.
+// reachable (RemoteNodes), as does a message from a node not listed yet; a list naming a node id
+// of another host is dropped whole. A host not heard from for kPeerSilenceNs loses all its
+// reachable bits. With keys in the map, a message counts only when the key its connection was
+// authenticated with is the key of the host it claims to be.
 #pragma once
 
 #include <cstdint>
@@ -47,6 +48,8 @@ class BridgeInbound {
   void handle(const Frame* frames, size_t count, const char* peerKey, uint64_t nowNs);
   // Clears the bits of hosts silent for kPeerSilenceNs.
   void expireSilentPeers(uint64_t nowNs);
+  // Whether every other host of the map has been heard (and not been silent since).
+  bool allPeersHeard() const;
 
  private:
   struct Peer {
@@ -57,6 +60,7 @@ class BridgeInbound {
 
   uint8_t peerOf(const Frame& routingId) const;
   void handleMessage(uint8_t peer, uint16_t origin, const Frame& message, uint64_t nowNs);
+  void markSpeaking(uint8_t peer, uint16_t origin);
   void handleLiveNodes(uint8_t peer, const Frame& body, uint64_t nowNs);
   void forget(uint8_t peer);
 

@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   OlmTest::FuzzInput input(data, size);
   const NodeMap& map = theMap((input.byte() & 1) != 0);
   current.map = &map;
-  std::unique_ptr<std::atomic<uint64_t>[]> words(new std::atomic<uint64_t>[RemoteNodes::kWords]());
+  std::unique_ptr<std::atomic<uint64_t>[]> words(new std::atomic<uint64_t>[RemoteNodes::kTotalWords]());
   RemoteNodes remote(words.get());
   BridgeInbound inbound(map, kOwnHost, remote, checkDelivery);
   uint64_t now = 0;

@@ -36,7 +36,7 @@ class Inbound {
  public:
   explicit Inbound(bool keyed)
       : map_(mapOfThreeHosts(keyed)),
-        words_(new std::atomic<uint64_t>[RemoteNodes::kWords]()),
+        words_(new std::atomic<uint64_t>[RemoteNodes::kTotalWords]()),
         remote_(words_.get()),
         inbound_(map_, kOwnHost, remote_, [this](uint16_t nid, uint16_t origin, const void*, uint32_t) {
           delivered_.push_back({nid, origin});
@@ -55,6 +55,15 @@ class Inbound {
     inbound_.handle(frames, 3, peerKey, 0);
     return delivered_.size() == before + 1 && delivered_.back().origin == origin;
   }
+  // A list of running nodes from peerEndpoint.
+  void announce(const std::string& peerEndpoint, const std::vector<uint16_t>& nids) {
+    const WireEnvelope envelope = wireEnvelope(WireTag::kLiveNodes, 0);
+    const Frame frames[] = {{peerEndpoint.data(), peerEndpoint.size()},
+                            {&envelope, sizeof(envelope)},
+                            {nids.data(), nids.size() * sizeof(uint16_t)}};
+    inbound_.handle(frames, 3, nullptr, 0);
+  }
+  bool reachable(uint16_t nid) const { return remote_.reachable(nid); }
 
  private:
   struct Delivery {
@@ -77,6 +86,22 @@ TEST(BridgeInbound, APeerSpeaksOnlyAsItsOwnNodes) {
   EXPECT_FALSE(plain.delivers(kEndpointB, kNidA, kNidB, nullptr)) << "B speaking as a node of this host";
   EXPECT_FALSE(plain.delivers(kEndpointA, kNidA, kNidA, nullptr)) << "a peer calling itself this host";
   EXPECT_FALSE(plain.delivers(kEndpointB, kNidB, kNidB, nullptr, kWireVersion + 1));
+}
+
+// The answer to a new node's first message must not wait for its host's next list.
+TEST(BridgeInbound, ANodeThatSpeaksIsReachableUntilItsHostsListLeavesItOut) {
+  constexpr uint16_t kListed = 0x2002;
+  Inbound plain(false);
+  plain.announce(kEndpointB, {kListed});
+  EXPECT_TRUE(plain.reachable(kListed));
+  EXPECT_FALSE(plain.reachable(kNidB));
+  EXPECT_TRUE(plain.delivers(kEndpointB, kNidB, kNidB, nullptr));
+  EXPECT_TRUE(plain.reachable(kNidB));
+  plain.announce(kEndpointB, {kListed});
+  EXPECT_FALSE(plain.reachable(kNidB)) << "gone since it spoke: its host's list says so";
+  EXPECT_TRUE(plain.reachable(kListed));
+  EXPECT_FALSE(plain.delivers(kEndpointB, kNidC, kNidC, nullptr));
+  EXPECT_FALSE(plain.reachable(kNidC)) << "B speaking as a node of C makes it no more reachable";
 }
 
 // With keys, the connection's key must be the one of the host the peer calls itself.

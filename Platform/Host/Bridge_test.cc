@@ -162,6 +162,39 @@ TEST(Bridge, MessagesOfEverySizeCrossToAnotherHostAndBackInOrder) {
   EXPECT_EQ(echo->kill(), 128 + SIGKILL);
 }
 
+// A node sends to other hosts as it starts (announcing itself, registering), and answers come at
+// once: neither may fail because a bridge has not yet heard which nodes run on the other host. The
+// first node of host 1 starts the host's bridge; the second starts beside a bridge that has long
+// announced the host's nodes, without it. The echo answers at once, without retrying.
+TEST(Bridge, ANewNodesFirstMessageToAnotherHostAndTheAnswerGetThrough) {
+  const System system(2);
+  const uint16_t echoNid = System::nid(2, 1);
+  const auto echo = startNodeOfHost(system, 2, echoNid, [&] {
+    return echoMessages(echoNid, 2, [](void* message, uint32_t receiver) { return vakem_send(message, receiver); });
+  });
+  ASSERT_NE(echo, nullptr);
+  const auto sendAtOnce = [&](uint16_t self) {
+    if (becomeNode(self) != 0) return 1;
+    const uint32_t to = sicAddress(echoNid, kCpid);
+    if (vakem_send(newMessage(64, to, sicAddress(self, kCpid), self), to) != 0) return 2;
+    void* echoed = receiveWithin(self, 10000);
+    return echoed != nullptr && isTestMessage(echoed, 64, self) ? 0 : 3;
+  };
+  Rendezvous firstDone;
+  ChildProcess first([&] {
+    system.enter(1);
+    firstDone.notify(sendAtOnce(System::nid(1, 1)) == 0 ? 1 : 2);
+    pause();
+    return 0;
+  });
+  ASSERT_EQ(firstDone.waitFor(), 1u) << "the first node of its host";
+  ChildProcess second([&] {
+    system.enter(1);
+    return sendAtOnce(System::nid(1, 2));
+  });
+  EXPECT_EQ(second.wait(), 0) << "a node starting beside a running bridge";
+}
+
 // Host 3 is in the map but never comes up; node 0x2002 of host 2 never starts.
 TEST(Bridge, SendsToANodeNotRunningOrOnAHostThatIsDownFailAtOnce) {
   const System system(3);

@@ -1,7 +1,9 @@
-// Nodes on two hosts: each host a network namespace with a /dev/shm of its own, joined by a
-// virtual Ethernet link, with real node processes talking through the hosts' bridges over TCP.
-// A third host is in the map but never comes up. Also what goes wrong between hosts: a node
-// restarted, the link down and up again, a peer sending what is not of the bridges' protocol.
+// Nodes on several hosts: each host a network namespace with a /dev/shm of its own, all on one
+// virtual Ethernet segment, with real node processes talking through the hosts' bridges over TCP.
+// Hosts A, B and C come up; a fourth, D, is in the map but never does. Messages of every length
+// cross; broker publications, R&D parameters and system log lines cross with nothing changed above
+// the platform; and what goes wrong between hosts: a node restarted, the link down and up again, a
+// peer sending what is not of the bridges' protocol.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <zmq.h>
@@ -39,13 +41,14 @@ using OlmTest::WireNode;
 
 constexpr char kAddressA[] = "169.254.52.1";
 constexpr char kAddressB[] = "169.254.52.2";
-constexpr char kAddressDown[] = "169.254.52.3";  // host C: on the link's subnet, never answers
+constexpr char kAddressC[] = "169.254.52.3";
+constexpr char kAddressDown[] = "169.254.52.4";  // host D: on the segment's subnet, never answers
 constexpr uint16_t kStatisticsCpid = 0x0610;       // echoes every message to its sender
 constexpr uint16_t kTestCpid = 0x0700;
+constexpr uint16_t kMasterNid = 0x30F0;
 constexpr uint16_t kTestMsgId = 0x3A77;
 constexpr uint16_t kSequencedMsgId = 0x3A78;
 constexpr uint16_t kForgedMsgId = 0x3A79;
-constexpr char kIpCommand[] = "/usr/sbin/ip";
 constexpr char kBridgePort[] = "5601";
 constexpr auto kSendPeriodNs = 1000 * 1000;
 constexpr uint32_t kHeaderBytes = 16;
@@ -73,15 +76,22 @@ class NodeHosts : public ::testing::Test {
     if (!OlmTest::deadLockOwnersAreDetected()) GTEST_SKIP() << "under emulation: no hosts of their own here";
     const std::string why = OlmTest::whyHostsCannotBeMade();
     if (!why.empty()) GTEST_SKIP() << why;
+    m_switch = std::make_unique<TestHost>();
     m_a = std::make_unique<TestHost>();
     m_b = std::make_unique<TestHost>();
-    ASSERT_TRUE(m_a->ok() && m_b->ok());
-    ASSERT_TRUE(OlmTest::joinHosts(*m_a, kAddressA, *m_b, kAddressB));
+    m_c = std::make_unique<TestHost>();
+    ASSERT_TRUE(m_switch->ok() && m_a->ok() && m_b->ok() && m_c->ok());
+    ASSERT_TRUE(OlmTest::makeSwitch(*m_switch));
+    ASSERT_TRUE(OlmTest::plugIn(*m_switch, *m_a, kAddressA, "to-a") && OlmTest::plugIn(*m_switch, *m_b, kAddressB, "to-b") &&
+                OlmTest::plugIn(*m_switch, *m_c, kAddressC, "to-c"));
     m_map = "/tmp/olm-hosts-map-" + OlmTest::testNamespace();
     std::ofstream(m_map) << "# node ids    endpoint\n"
-                         << "0x1000-0x1fff " << endpointOf(kAddressA) << "\n"
+                         << "0x1000-0x101c " << endpointOf(kAddressA) << "\n"
+                         << "0x101d        " << endpointOf(kAddressB) << "  # the log collector of nodes 0x1010-0x101f\n"
+                         << "0x101e-0x1fff " << endpointOf(kAddressA) << "\n"
                          << "0x2000-0x2fff " << endpointOf(kAddressB) << "\n"
-                         << "0x3000-0x3fff " << endpointOf(kAddressDown) << "\n";
+                         << "0x3000-0x3fff " << endpointOf(kAddressC) << "\n"
+                         << "0x4000-0x4fff " << endpointOf(kAddressDown) << "\n";
   }
   void TearDown() override { std::remove(m_map.c_str()); }
 
@@ -106,12 +116,21 @@ class NodeHosts : public ::testing::Test {
       return body();
     });
   }
-  // The host's end of the link between A and B (joinHosts) taken down or up.
-  bool setLink(const TestHost& host, const char* end, const char* state) {
-    return host.run({kIpCommand, "link", "set", end, state}) == 0;
+  // The master node on host C, with the broker server and whatever else extra loads.
+  std::unique_ptr<NodeProcess> startMaster(const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> args{"--masternid", hex(kMasterNid), "--load-local", OLM_TEST_BROKER_SERVER};
+    args.insert(args.end(), extra.begin(), extra.end());
+    auto master = startNode(*m_c, kMasterNid, args, {"OLM_BROKER_SERVER_VERBOSE=1"});
+    EXPECT_TRUE(master->waitUntilPrinted("serving the system zone")) << master->output();
+    return master;
   }
 
-  std::unique_ptr<TestHost> m_a, m_b;
+  // The host's link to the others taken down or up.
+  static bool setLink(const TestHost& host, const char* state) {
+    return host.run({"/usr/sbin/ip", "link", "set", OlmTest::kLinkName, state}) == 0;
+  }
+
+  std::unique_ptr<TestHost> m_switch, m_a, m_b, m_c;
   std::string m_map;
 };
 
@@ -179,14 +198,14 @@ TEST_F(NodeHosts, MessagesOfEveryLengthCrossToAnotherHostAndBackInOrder) {
   EXPECT_EQ(status, 0) << echoNode->output();
 }
 
-// Host C is in the map but down; node 0x2032 of host B never starts.
+// Host D is in the map but down; node 0x2032 of host B never starts.
 TEST_F(NodeHosts, ASendToANodeOnAHostThatIsDownOrNotRunningFailsAtOnce) {
   auto running = startNode(*m_b, 0x2031);
   const int status = inHost(*m_a, [] {
     WireNode node(0x1031);
     if (!node.ok()) return 1;
     if (!sendOnceReachable(node, sic(0x2031, kStatisticsCpid), 64, 1)) return 2;  // host B is up
-    for (const uint16_t unreachable : {0x3031, 0x2032}) {
+    for (const uint16_t unreachable : {0x4031, 0x2032}) {
       void* message = WireNode::newMessage(kTestMsgId, sic(unreachable, kTestCpid), sic(0x1031, kTestCpid), 64);
       const int rc = vakem_send(message, sic(unreachable, kTestCpid));
       vakem_free(message);
@@ -215,6 +234,58 @@ bool sendAsRawPeer(const std::string& endpoint, const std::string& routingId, co
   zmq_close(socket);
   zmq_ctx_term(context);
   return sent;
+}
+
+// The broker's system zone across hosts, nothing changed above the platform: a publication of a
+// node on host A reaches a subscriber on host B through the broker server on host C, which passes
+// it on with the publisher as sender.
+TEST_F(NodeHosts, ABrokerPublicationReachesASubscriberOnAnotherHostThroughTheServerOnAThird) {
+  auto master = startMaster();
+  const auto brokerNode = [&](const TestHost& host, uint16_t nid, const std::string& actions) {
+    return startNode(host, nid, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::libraryPath("BrokerSystemTestEu")},
+                     {"OLM_BROKER_ACTIONS=" + actions});
+  };
+  auto subscriber = brokerNode(*m_b, 0x2071, "sub0");
+  ASSERT_TRUE(master->waitUntilPrinted("0x20710702 subscribed 0x3a01")) << master->output();
+  auto publisher = brokerNode(*m_a, 0x1071, "pub0=7");
+  EXPECT_TRUE(subscriber->waitUntilPrinted("subscriber 0x20710702 got 7 from 0x10710704"))
+      << subscriber->output() << master->output();
+}
+
+// An R&D parameter of a node on host B, read and written with olmctl on host A through the R&D
+// master on host C. olmctl serves a node id of its own, 0x1ff0 to 0x1ff7, which the map places on
+// host A, so the master's answers find their way back.
+TEST_F(NodeHosts, OlmctlOnOneHostReadsAndWritesTheParametersOfANodeOnAnotherThroughTheMasterOnAThird) {
+  auto master = startMaster({"--load-local", OLM_TEST_RAD_MASTER});
+  ASSERT_TRUE(master->waitUntilPrinted("R&D master: serving on node")) << master->output();
+  auto news = startNode(*m_b, 0x2081, {"--masternid", hex(kMasterNid), "--load-local", OLM_TEST_NEWS_EU});
+  ASSERT_TRUE(master->waitUntilPrinted("R&D master: node 0x2081 registered domain 50 with 2 parameters")) << master->output();
+  const auto olmctl = [&](const std::vector<std::string>& args) {
+    std::vector<std::string> command{OLM_TEST_OLMCTL, "--master", hex(kMasterNid)};
+    command.insert(command.end(), args.begin(), args.end());
+    return OlmTest::runProgram(command, [&] {
+      if (!m_a->enter()) _exit(125);
+      setenv("RHYDDAL_NODE_MAP", m_map.c_str(), 1);
+    });
+  };
+  const OlmTest::ProgramRun set = olmctl({"rad", "set", "0x2081", "50:0", "500"});
+  EXPECT_EQ(set.status, 0) << set.err;
+  EXPECT_TRUE(news->waitUntilPrinted("NewsPeriodMs set to 500")) << news->output();
+  const OlmTest::ProgramRun get = olmctl({"rad", "get", "0x2081", "50:0"});
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_EQ(get.out,
+            "INDEX   VALUE                    DEFAULT\n"
+            "0x0000  0x000001f4 (500)         0x000007d0 (2000)\n");
+}
+
+// System log lines of node 0x1011 on host A go to its group's collector, node 0x101d, which the map
+// places on host B.
+TEST_F(NodeHosts, SystemLogLinesReachTheGroupsCollectorOnAnotherHost) {
+  auto collector = startNode(*m_b, 0x101D, {"--load-local", OLM_TEST_SYSLOG_PRINTER_EU});
+  auto logging = startNode(*m_a, 0x1011, {"--load-local", OlmTest::pingEuPath()},
+                           {"OLM_PING_PEER=0x1012", "OLM_PING_PERIOD_MS=20"});
+  auto peer = startNode(*m_a, 0x1012, {"--load-local", OlmTest::pingEuPath()}, {"OLM_PING_PEER=0x1011", "OLM_PING_PERIOD_MS=20"});
+  EXPECT_TRUE(collector->waitUntilPrinted("PingEu: 10 pongs from node 0x1012")) << collector->output() << logging->output();
 }
 
 // A sequenced message: its sequence number first, then bytes that depend on it, the length too.
@@ -347,15 +418,15 @@ TEST_F(NodeHosts, WhileTheLinkIsDownSendsFailAtOnceAndTrafficResumesWhenItIsBack
     return 8;
   });
   ASSERT_NE(reached.wait(), 0u) << echoNode->output();
-  ASSERT_TRUE(setLink(*m_a, "olm0", "down"));
+  ASSERT_TRUE(setLink(*m_a, "down"));
   linkDown.send();
   EXPECT_NE(sendsFail.wait(), 0u);
-  ASSERT_TRUE(setLink(*m_a, "olm0", "up"));
+  ASSERT_TRUE(setLink(*m_a, "up"));
   linkUp.send();
   EXPECT_EQ(OlmTest::exitStatusOf(sender), 0) << echoNode->output();
 }
 
-// A raw ZeroMQ peer on host A's link, calling itself host C (down, in the map) or no host at all,
+// A raw ZeroMQ peer on host A's link, calling itself host D (down, in the map) or no host at all,
 // sends host B's bridge what is not of the bridges' protocol, or speaks for nodes not its own; all
 // of it addressed to node 0x2061, which echoes to node 0x1061 whatever reaches it. Host B's bridge
 // drops it all, saying so, and node 0x1061 on host A, whose traffic goes on, never sees any of it.
@@ -381,26 +452,26 @@ TEST_F(NodeHosts, WhatARawPeerSendsOutsideTheProtocolIsDroppedAndTheBridgeGoesOn
     std::memcpy(valid + 14, &length, sizeof(length));
     unsigned char longer[sizeof(valid) + 1] = {};
     std::memcpy(longer, valid, sizeof(valid));
-    const rhyddal::WireEnvelope asNodeOfC = rhyddal::wireEnvelope(rhyddal::WireTag::kMessage, 0x3061);
+    const rhyddal::WireEnvelope asNodeOfD = rhyddal::wireEnvelope(rhyddal::WireTag::kMessage, 0x4061);
     const rhyddal::WireEnvelope asNodeOfA = rhyddal::wireEnvelope(rhyddal::WireTag::kMessage, 0x1061);
-    rhyddal::WireEnvelope otherVersion = asNodeOfC;
+    rhyddal::WireEnvelope otherVersion = asNodeOfD;
     otherVersion.version = rhyddal::kWireVersion + 1;
-    const rhyddal::WireEnvelope unknownKind = rhyddal::wireEnvelope(static_cast<rhyddal::WireTag>(9), 0x3061);
+    const rhyddal::WireEnvelope unknownKind = rhyddal::wireEnvelope(static_cast<rhyddal::WireTag>(9), 0x4061);
     const rhyddal::WireEnvelope liveNodes = rhyddal::wireEnvelope(rhyddal::WireTag::kLiveNodes, 0);
     const uint16_t nodesOfA[] = {0x1061};
     const std::vector<std::vector<std::pair<const void*, size_t>>> messages = {
         {{valid, sizeof(valid)}},                                              // no envelope
-        {{&asNodeOfC, 3}, {valid, sizeof(valid)}},                             // envelope cut short
+        {{&asNodeOfD, 3}, {valid, sizeof(valid)}},                             // envelope cut short
         {{&otherVersion, sizeof(otherVersion)}, {valid, sizeof(valid)}},       // another version
         {{&unknownKind, sizeof(unknownKind)}, {valid, sizeof(valid)}},         // no such kind
-        {{&asNodeOfC, sizeof(asNodeOfC)}, {valid, 8}},                         // shorter than a header
-        {{&asNodeOfC, sizeof(asNodeOfC)}, {longer, sizeof(longer)}},           // longer than it says
+        {{&asNodeOfD, sizeof(asNodeOfD)}, {valid, 8}},                         // shorter than a header
+        {{&asNodeOfD, sizeof(asNodeOfD)}, {longer, sizeof(longer)}},           // longer than it says
         {{&asNodeOfA, sizeof(asNodeOfA)}, {valid, sizeof(valid)}},             // speaking for host A
-        {{&asNodeOfC, sizeof(asNodeOfC)}, {valid, sizeof(valid)}, {"", 0}},    // a frame too many
+        {{&asNodeOfD, sizeof(asNodeOfD)}, {valid, sizeof(valid)}, {"", 0}},    // a frame too many
         {{&liveNodes, sizeof(liveNodes)}, {nodesOfA, sizeof(nodesOfA)}},       // host A's nodes as its own
     };
     return sendAsRawPeer(endpointOf(kAddressB), endpointOf(kAddressDown), messages) &&
-                   sendAsRawPeer(endpointOf(kAddressB), "nobody", {{{&asNodeOfC, sizeof(asNodeOfC)}, {valid, sizeof(valid)}}})
+                   sendAsRawPeer(endpointOf(kAddressB), "nobody", {{{&asNodeOfD, sizeof(asNodeOfD)}, {valid, sizeof(valid)}}})
                ? 0
                : 1;
   });

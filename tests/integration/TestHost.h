@@ -52,7 +52,11 @@ class TestHost {
 // Empty when hosts can be made here; else why not (not root, no namespaces, no ip command).
 std::string whyHostsCannotBeMade();
 
-// A virtual Ethernet link between a and b, with addressA/addressB (IPv4, prefix 24) and both ends up.
-bool joinHosts(const TestHost& a, const std::string& addressA, const TestHost& b, const std::string& addressB);
+// Hosts on one Ethernet segment: the switch is a host of its own holding a bridge device, and
+// plugIn gives host a virtual Ethernet link (kLinkName on its side, with address, IPv4, prefix 24)
+// whose far end, port, is attached to the switch's bridge.
+constexpr char kLinkName[] = "olm0";
+bool makeSwitch(const TestHost& switchHost);
+bool plugIn(const TestHost& switchHost, const TestHost& host, const std::string& address, const std::string& port);
 
 }  // namespace OlmTest

@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 
 set(OLM_INSTALL_TARGETS OlmLiteRt OLMLiteExe olm-core-ramfiles olm-history)
 if(OLM_HOST_PLATFORM)
-  list(APPEND OLM_INSTALL_TARGETS RHYDDAL rhyddal-cdma-sync)
+  list(APPEND OLM_INSTALL_TARGETS RHYDDAL rhyddal-cdma-sync rhyddal-keygen)
   install(FILES ${PROJECT_SOURCE_DIR}/Platform/Include/Rhyddal.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
 endif()
 

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "BridgeCurve.h"
 #include "BridgeInbound.h"
 #include "BridgeWire.h"
 #include "HostEnvironment.h"
@@ -24,6 +25,7 @@
 #include "RadioClock.h"
 #include "RemoteNodes.h"
 #include "SysComFields.h"
+#include "ZmqFrames.h"
 
 namespace rhyddal {
 namespace {
@@ -46,6 +48,9 @@ constexpr int kHeartbeatIntervalMs = 1000;
 constexpr int kHeartbeatTimeoutMs = 10000;
 constexpr uint32_t kForwardsBetweenClockReads = 64;
 constexpr uint64_t kBindRetryNs = 1000 * 1000 * 1000;
+// How long a new bridge waits for hosts that stay silent before it counts as settled (a host up
+// is heard within an announcement period of the connection being made).
+constexpr uint64_t kSettleNs = 1000 * 1000 * 1000;
 constexpr uint64_t kNanosecondsPerMillisecond = 1000 * 1000;
 constexpr size_t kFramesKept = 4;  // one more than a valid message has, to tell "too many"
 
@@ -69,14 +74,14 @@ void* newRouterSocket(void* context) {
   return socket;
 }
 
-// One ZeroMQ message, sent as a whole or not at all: ROUTER sockets check the peer and its queue at
-// the first frame, and take the rest without waiting.
-bool sendFrames(void* socket, const Frame* frames, size_t count) {
-  for (size_t i = 0; i < count; ++i) {
-    const int more = i + 1 < count ? ZMQ_SNDMORE : 0;
-    if (zmq_send(socket, frames[i].data, frames[i].size, ZMQ_DONTWAIT | more) < 0) return false;
+// Addresses no other machine can reach. Plain links anywhere else let any machine that reaches
+// the address speak as this host's peers.
+bool isLocalOnly(const std::string& endpoint) {
+  static const char* const kLocalPrefixes[] = {"ipc://", "tcp://127.", "tcp://localhost:", "tcp://[::1]:"};
+  for (const char* prefix : kLocalPrefixes) {
+    if (endpoint.compare(0, std::strlen(prefix), prefix) == 0) return true;
   }
-  return true;
+  return false;
 }
 
 class Bridge {
@@ -108,19 +113,23 @@ class Bridge {
  private:
   // Holds the role for the rest of the process's life once it starts; false when it cannot. What
   // a predecessor knew of other hosts may be stale: every remote node counts as unreachable until
-  // its host says otherwise.
+  // its host says otherwise. That is done before the bridge's mailbox is made: a node starting
+  // takes a settled state for this bridge's only while the mailbox lives.
   bool serve() {
     int rc = RemoteNodes::open(&remote_);
-    if (rc == 0) rc = Mailbox::createBridge(settings_.laneBytes, &mailbox_);
+    if (rc == 0) {
+      remote_->clearAll();
+      remote_->setBridgeState(RemoteNodes::BridgeState::kStarting);
+      rc = Mailbox::createBridge(settings_.laneBytes, &mailbox_);
+    }
     context_ = rc == 0 ? zmq_ctx_new() : nullptr;
     if (context_ == nullptr) {
       std::fprintf(stderr, "rhyddal: no bridge to other hosts: %s\n", std::strerror(rc != 0 ? -rc : errno));
       return false;
     }
-    remote_->clearAll();
     outbound_ = newRouterSocket(context_);
     inbound_ = newRouterSocket(context_);
-    if (outbound_ == nullptr || inbound_ == nullptr) {
+    if (outbound_ == nullptr || inbound_ == nullptr || !secureLinks()) {
       std::fprintf(stderr, "rhyddal: no bridge to other hosts: %s\n", zmq_strerror(zmq_errno()));
       return false;
     }
@@ -132,6 +141,20 @@ class Bridge {
 
   const std::string& endpointOf(uint8_t host) const { return map_.hosts()[host].endpoint; }
 
+  // With keys, the authentication handler must answer before the bound socket takes its first
+  // connection: it is bound here, before the inbound thread binds.
+  bool secureLinks() {
+    if (!map_.hasKeys()) {
+      if (!isLocalOnly(endpointOf(own_))) {
+        std::fprintf(stderr, "rhyddal: bridge: plain links (no keys in the map) on %s: whoever reaches it may speak as the other hosts\n",
+                     endpointOf(own_).c_str());
+      }
+      return true;
+    }
+    zap_ = std::make_unique<ZapHandler>(map_, own_);
+    return zap_->bind(context_) && makeCurveServer(inbound_, map_) && makeCurveClient(outbound_, map_, own_);
+  }
+
   // The peers' bound sockets know us by our endpoint; we know each of them by theirs.
   void connectToOtherHosts() {
     setOption(outbound_, ZMQ_ROUTING_ID, endpointOf(own_));
@@ -140,6 +163,7 @@ class Bridge {
     for (size_t host = 0; host < map_.hosts().size(); ++host) {
       if (host == own_) continue;
       setOption(outbound_, ZMQ_CONNECT_ROUTING_ID, endpointOf(static_cast<uint8_t>(host)));
+      if (map_.hasKeys()) expectCurveServer(outbound_, map_, static_cast<uint8_t>(host));
       if (zmq_connect(outbound_, endpointOf(static_cast<uint8_t>(host)).c_str()) != 0) {
         std::fprintf(stderr, "rhyddal: bridge cannot connect to %s: %s\n", endpointOf(static_cast<uint8_t>(host)).c_str(),
                      zmq_strerror(zmq_errno()));
@@ -159,8 +183,9 @@ class Bridge {
       }
       // Traffic that never lets up must not hold back the announcements: peers would count this
       // host as down.
-      for (uint32_t forwarded = 1; void* message = mailbox_->pop(pool); ++forwarded) {
-        forward(message);
+      uint16_t origin = 0;
+      for (uint32_t forwarded = 1; void* message = mailbox_->pop(pool, &origin); ++forwarded) {
+        forward(origin, message);
         pool.release(message);
         if (forwarded % kForwardsBetweenClockReads == 0 && monotonicNanoseconds() >= nextAnnounce) break;
       }
@@ -171,8 +196,9 @@ class Bridge {
     }
   }
 
-  // The lane reader has checked that the header's total length lies within the record.
-  void forward(const void* message) {
+  // The lane reader has checked that the header's total length lies within the record. origin is
+  // the node the sending process serves, which the peer checks against this host.
+  void forward(uint16_t origin, const void* message) {
     const uint16_t nid = nidOf(sysComReceiver(message));
     const uint8_t host = map_.hostOf(nid);
     if (host == NodeMap::kNoHost || host == own_) {
@@ -180,8 +206,11 @@ class Bridge {
                      static_cast<unsigned>(nid));
       return;
     }
-    const Frame frames[] = {{endpointOf(host).data(), endpointOf(host).size()}, {message, sysComTotalLength(message)}};
-    if (!sendFrames(outbound_, frames, 2)) {
+    const WireEnvelope envelope = wireEnvelope(WireTag::kMessage, origin);
+    const Frame frames[] = {{endpointOf(host).data(), endpointOf(host).size()},
+                            {&envelope, sizeof(envelope)},
+                            {message, sysComTotalLength(message)}};
+    if (!sendFrames(outbound_, frames, 3, ZMQ_DONTWAIT)) {
       unsent_.report(monotonicNanoseconds(), "bridge dropped a message for node 0x%04x: %s", static_cast<unsigned>(nid),
                      zmq_errno() == EAGAIN ? "too many queued for its host" : "its host is not connected");
     }
@@ -199,25 +228,25 @@ class Bridge {
       body.push_back(static_cast<uint8_t>(nid));
       body.push_back(static_cast<uint8_t>(nid >> 8));
     }
-    const uint8_t tag = kLiveNodesTag;
+    const WireEnvelope envelope = wireEnvelope(WireTag::kLiveNodes, 0);
     for (size_t host = 0; host < map_.hosts().size(); ++host) {
       if (host == own_) continue;
       const std::string& peer = endpointOf(static_cast<uint8_t>(host));
-      const Frame frames[] = {{peer.data(), peer.size()}, {&tag, sizeof(tag)}, {body.data(), body.size()}};
-      sendFrames(outbound_, frames, 3);  // a host not connected hears the next one
+      const Frame frames[] = {{peer.data(), peer.size()}, {&envelope, sizeof(envelope)}, {body.data(), body.size()}};
+      sendFrames(outbound_, frames, 3, ZMQ_DONTWAIT);  // a host not connected hears the next one
     }
   }
 
   [[noreturn]] void runInbound() {
     MailboxDirectory receivers;
     RateLimitedReport undelivered;
-    BridgeInbound inbound(map_, own_, *remote_, [&](uint16_t nid, const void* message, uint32_t length) {
+    BridgeInbound inbound(map_, own_, *remote_, [&](uint16_t nid, uint16_t origin, const void* message, uint32_t length) {
       int error = 0;
       Mailbox* mailbox = receivers.find(nid, &error);
       if (mailbox == nullptr) {
         undelivered.report(monotonicNanoseconds(), "bridge dropped a message for node 0x%04x, which is not running",
                            static_cast<unsigned>(nid));
-      } else if (mailbox->push(message, length, RecordKind::kMessage) != PushResult::kDelivered) {
+      } else if (mailbox->push(message, length, RecordKind::kMessage, origin) != PushResult::kDelivered) {
         undelivered.report(monotonicNanoseconds(), "bridge dropped a message for node 0x%04x: its queue is full",
                            static_cast<unsigned>(nid));
       }
@@ -225,18 +254,25 @@ class Bridge {
     setOption(inbound_, ZMQ_ROUTER_HANDOVER, 1);  // a restarted peer takes its routing id over at once
     setOption(inbound_, ZMQ_RCVHWM, kReceiveHighWaterMark);
     bool bound = false;
+    bool settled = false;
     uint64_t nextBind = 0;
+    const uint64_t startNs = monotonicNanoseconds();
     for (;;) {
       const uint64_t now = monotonicNanoseconds();
       if (!bound && now >= nextBind) {
         bound = bind(nextBind == 0);
         nextBind = now + kBindRetryNs;
       }
-      zmq_pollitem_t item{inbound_, 0, ZMQ_POLLIN, 0};
-      zmq_poll(&item, 1, static_cast<long>(kAnnouncePeriodNs / kNanosecondsPerMillisecond));
+      zmq_pollitem_t items[] = {{inbound_, 0, ZMQ_POLLIN, 0}, {zap_ != nullptr ? zap_->socket() : nullptr, 0, ZMQ_POLLIN, 0}};
+      zmq_poll(items, zap_ != nullptr ? 2 : 1, static_cast<long>(kAnnouncePeriodNs / kNanosecondsPerMillisecond));
+      if (zap_ != nullptr) zap_->answerWaiting(monotonicNanoseconds());
       while (receiveOne(inbound)) {
       }
       inbound.expireSilentPeers(monotonicNanoseconds());
+      if (!settled && (inbound.allPeersHeard() || monotonicNanoseconds() - startNs >= kSettleNs)) {
+        remote_->setBridgeState(RemoteNodes::BridgeState::kSettled);
+        settled = true;
+      }
     }
   }
 
@@ -250,31 +286,20 @@ class Bridge {
     return false;
   }
 
-  // Reads one whole message (ZeroMQ delivers all its frames together). Frames beyond kFramesKept
-  // are read and let go; the count kept tells the handler there were too many.
+  // Frames beyond kFramesKept are let go; the count tells the handler there were too many. With
+  // keys, the key the authentication handler accepted for the connection comes with every frame.
   bool receiveOne(BridgeInbound& inbound) {
     zmq_msg_t parts[kFramesKept];
-    size_t kept = 0;
-    for (bool more = true, first = true; more; first = false) {
-      zmq_msg_t surplus;
-      zmq_msg_t& part = kept < kFramesKept ? parts[kept] : surplus;
-      zmq_msg_init(&part);
-      if (zmq_msg_recv(&part, inbound_, first ? ZMQ_DONTWAIT : 0) < 0) {
-        zmq_msg_close(&part);
-        break;
-      }
-      more = zmq_msg_more(&part) != 0;
-      if (&part == &surplus) {
-        zmq_msg_close(&surplus);
-      } else {
-        ++kept;
-      }
-    }
-    if (kept == 0) return false;
+    const size_t count = receiveFrames(inbound_, parts, kFramesKept);
+    if (count == 0) return false;
+    const size_t kept = count < kFramesKept ? count : kFramesKept;
     Frame frames[kFramesKept];
     for (size_t i = 0; i < kept; ++i) frames[i] = Frame{zmq_msg_data(&parts[i]), zmq_msg_size(&parts[i])};
-    inbound.handle(frames, kept, monotonicNanoseconds());
-    for (size_t i = 0; i < kept; ++i) zmq_msg_close(&parts[i]);
+    // The routing id frame is the socket's own making: the properties of the connection come with
+    // the frames that crossed it.
+    const char* peerKey = zap_ != nullptr && kept > 1 ? zmq_msg_gets(&parts[1], "User-Id") : nullptr;
+    inbound.handle(frames, kept, peerKey, monotonicNanoseconds());
+    closeFrames(parts, kept);
     return true;
   }
 
@@ -287,6 +312,7 @@ class Bridge {
   void* context_ = nullptr;
   void* outbound_ = nullptr;
   void* inbound_ = nullptr;
+  std::unique_ptr<ZapHandler> zap_;  // with keys only
   RateLimitedReport unsent_;
 };
 
@@ -310,14 +336,14 @@ int nodeMapFromEnvironment(uint16_t ownNid, BridgeSettings* settings) {
     std::fprintf(stderr, "rhyddal: the node map is not used, and no node can run until it is right\n");
     return -EINVAL;
   }
-  if (map->hasKeys()) {
-    std::fprintf(stderr, "rhyddal: %s=%s has keys, but encrypted links are not built yet: no node can run with it\n",
-                 kNodeMapVariable, path);
-    return -EINVAL;
-  }
   settings->ownHost = map->hostOf(ownNid);
   if (settings->ownHost == NodeMap::kNoHost) {
     std::fprintf(stderr, "rhyddal: %s=%s places node 0x%04x on no host\n", kNodeMapVariable, path, static_cast<unsigned>(ownNid));
+    return -EINVAL;
+  }
+  const std::string keysProblem = curveKeysProblem(*map, settings->ownHost);
+  if (!keysProblem.empty()) {
+    std::fprintf(stderr, "rhyddal: %s=%s: %s; no node can run with it\n", kNodeMapVariable, path, keysProblem.c_str());
     return -EINVAL;
   }
   settings->map = std::move(map);

@@ -11,16 +11,10 @@
 namespace rhyddal {
 namespace {
 
-constexpr size_t kSysComSenderOffset = 8;  // u32, host order
 constexpr size_t kNidBytes = 2;
+constexpr size_t kFramesOfAMessage = 3;  // routing id, envelope, body
 
 uint16_t nidOf(uint32_t sicAddress) { return static_cast<uint16_t>(sicAddress >> 16); }
-
-uint32_t sysComSender(const void* message) {
-  uint32_t sender = 0;
-  std::memcpy(&sender, static_cast<const unsigned char*>(message) + kSysComSenderOffset, sizeof(sender));
-  return sender;
-}
 
 const char* reasonOf(ArrivalCheck check) {
   switch (check) {
@@ -30,8 +24,8 @@ const char* reasonOf(ArrivalCheck check) {
       return "its length disagrees with its header";
     case ArrivalCheck::kReceiverNotHere:
       return "its receiver is not a node of this host";
-    case ArrivalCheck::kSenderNotThePeers:
-      return "its sender is not a node of the host that sent it";
+    case ArrivalCheck::kOriginNotThePeers:
+      return "the node speaking is not a node of the host that sent it";
     case ArrivalCheck::kDeliver:
       break;
   }
@@ -40,27 +34,40 @@ const char* reasonOf(ArrivalCheck check) {
 
 }  // namespace
 
-ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, const void* bytes, size_t size) {
+ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, uint16_t origin,
+                                  const void* bytes, size_t size) {
+  if (map.hostOf(origin) != peerHost) return ArrivalCheck::kOriginNotThePeers;
   if (size < kSysComHeaderBytes) return ArrivalCheck::kTooShort;
   if (sysComTotalLength(bytes) != size) return ArrivalCheck::kLengthDisagrees;
   if (map.hostOf(nidOf(sysComReceiver(bytes))) != ownHost) return ArrivalCheck::kReceiverNotHere;
-  if (map.hostOf(nidOf(sysComSender(bytes))) != peerHost) return ArrivalCheck::kSenderNotThePeers;
   return ArrivalCheck::kDeliver;
 }
 
 BridgeInbound::BridgeInbound(const NodeMap& map, uint8_t ownHost, RemoteNodes& remote, Deliver deliver)
-    : map_(map), ownHost_(ownHost), remote_(remote), deliver_(std::move(deliver)), peers_(map.hosts().size()) {}
+    : map_(map), ownHost_(ownHost), keyed_(map.hasKeys()), remote_(remote), deliver_(std::move(deliver)), peers_(map.hosts().size()) {}
 
-void BridgeInbound::handle(const Frame* frames, size_t count, uint64_t nowNs) {
+void BridgeInbound::handle(const Frame* frames, size_t count, const char* peerKey, uint64_t nowNs) {
   const uint8_t peer = count != 0 ? peerOf(frames[0]) : NodeMap::kNoHost;
   if (peer == NodeMap::kNoHost) {
     dropped_.report(nowNs, "bridge dropped a message from a peer that is no other host of the map");
-  } else if (count == 2) {
-    handleMessage(peer, frames[1], nowNs);
-  } else if (count == 3 && frames[1].size == 1 && *static_cast<const uint8_t*>(frames[1].data) == kLiveNodesTag) {
+    return;
+  }
+  if (keyed_ && (peerKey == nullptr || map_.hosts()[peer].publicKey != peerKey)) {
+    dropped_.report(nowNs, "bridge dropped a message from a peer calling itself %s whose key is not that host's",
+                    map_.hosts()[peer].endpoint.c_str());
+    return;
+  }
+  WireEnvelope envelope{};
+  if (count == kFramesOfAMessage && frames[1].size == sizeof(envelope)) std::memcpy(&envelope, frames[1].data, sizeof(envelope));
+  if (envelope.version != kWireVersion) {
+    dropped_.report(nowNs, "bridge dropped a message of %zu frames from %s: not of the bridges' protocol, version %u", count,
+                    map_.hosts()[peer].endpoint.c_str(), static_cast<unsigned>(kWireVersion));
+  } else if (envelope.tag == static_cast<uint8_t>(WireTag::kMessage)) {
+    handleMessage(peer, originOf(envelope), frames[2], nowNs);
+  } else if (envelope.tag == static_cast<uint8_t>(WireTag::kLiveNodes)) {
     handleLiveNodes(peer, frames[2], nowNs);
   } else {
-    dropped_.report(nowNs, "bridge dropped a message of %zu frames from %s that is not of its protocol", count,
+    dropped_.report(nowNs, "bridge dropped a message of unknown kind %u from %s", static_cast<unsigned>(envelope.tag),
                     map_.hosts()[peer].endpoint.c_str());
   }
 }
@@ -72,6 +79,13 @@ void BridgeInbound::expireSilentPeers(uint64_t nowNs) {
                  map_.hosts()[peer].endpoint.c_str());
     forget(static_cast<uint8_t>(peer));
   }
+}
+
+bool BridgeInbound::allPeersHeard() const {
+  for (size_t peer = 0; peer < peers_.size(); ++peer) {
+    if (peer != ownHost_ && !peers_[peer].heard) return false;
+  }
+  return true;
 }
 
 // The routing id is the peer's endpoint, compared as bytes: it need not be a C string.
@@ -87,14 +101,25 @@ uint8_t BridgeInbound::peerOf(const Frame& routingId) const {
   return NodeMap::kNoHost;
 }
 
-void BridgeInbound::handleMessage(uint8_t peer, const Frame& message, uint64_t nowNs) {
-  const ArrivalCheck check = checkArrivingMessage(map_, ownHost_, peer, message.data, message.size);
+void BridgeInbound::handleMessage(uint8_t peer, uint16_t origin, const Frame& message, uint64_t nowNs) {
+  const ArrivalCheck check = checkArrivingMessage(map_, ownHost_, peer, origin, message.data, message.size);
   if (check != ArrivalCheck::kDeliver) {
-    dropped_.report(nowNs, "bridge dropped a message of %zu bytes from %s: %s", message.size,
-                    map_.hosts()[peer].endpoint.c_str(), reasonOf(check));
+    dropped_.report(nowNs, "bridge dropped a message of %zu bytes from node 0x%04x at %s: %s", message.size,
+                    static_cast<unsigned>(origin), map_.hosts()[peer].endpoint.c_str(), reasonOf(check));
     return;
   }
-  deliver_(nidOf(sysComReceiver(message.data)), message.data, static_cast<uint32_t>(message.size));
+  markSpeaking(peer, origin);
+  deliver_(nidOf(sysComReceiver(message.data)), origin, message.data, static_cast<uint32_t>(message.size));
+}
+
+// A node that speaks runs, whatever its host last said: its host names it in the next list only,
+// up to kAnnouncePeriodNs later, and the answer to a new node's first message must not fail. Kept
+// in the host's list, so a list without it clears it again.
+void BridgeInbound::markSpeaking(uint8_t peer, uint16_t origin) {
+  if (remote_.reachable(origin)) return;
+  std::vector<uint16_t>& live = peers_[peer].live;
+  live.insert(std::lower_bound(live.begin(), live.end(), origin), origin);
+  remote_.set(origin, true);
 }
 
 // Bits of nodes that are new are set before those of nodes that have gone are cleared, so a node

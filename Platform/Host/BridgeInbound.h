@@ -3,9 +3,13 @@
 // dropped with one line on stderr (rate-limited), never read past its end.
 //
 // A SysCom message is delivered only when its length agrees with its header, its receiver lives
-// on this host and its sender on the host that sent it. A live-node list updates which of that
-// host's node ids count as reachable (RemoteNodes); one naming a node id of another host is
-// dropped whole. A host not heard from for kPeerSilenceNs loses all its reachable bits.
+// on this host and the node id speaking (the envelope's origin) on the host that sent it. The
+// header's sender is not checked: a node passing a message on keeps the first sender there, who
+// may live on a third host. A live-node list updates which of that host's node ids count as
+// reachable (RemoteNodes), as does a message from a node not listed yet; a list naming a node id
+// of another host is dropped whole. A host not heard from for kPeerSilenceNs loses all its
+// reachable bits. With keys in the map, a message counts only when the key its connection was
+// authenticated with is the key of the host it claims to be.
 #pragma once
 
 #include <cstdint>
@@ -24,23 +28,28 @@ enum class ArrivalCheck {
   kTooShort,           // shorter than a SysCom header
   kLengthDisagrees,    // the frame is not as long as the header's total length
   kReceiverNotHere,    // the receiver's node id is not placed on this host
-  kSenderNotThePeers,  // the sender's node id is not placed on the host that sent it
+  kOriginNotThePeers,  // the node id speaking is not placed on the host that sent it
 };
 
-ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, const void* bytes, size_t size);
+ArrivalCheck checkArrivingMessage(const NodeMap& map, uint8_t ownHost, uint8_t peerHost, uint16_t origin,
+                                  const void* bytes, size_t size);
 
 class BridgeInbound {
  public:
-  // Called for each message that passed, with its receiver's node id; the message is valid only
-  // during the call.
-  using Deliver = std::function<void(uint16_t nid, const void* message, uint32_t length)>;
+  // Called for each message that passed, with its receiver's node id and the node id that spoke;
+  // the message is valid only during the call.
+  using Deliver = std::function<void(uint16_t nid, uint16_t origin, const void* message, uint32_t length)>;
 
   BridgeInbound(const NodeMap& map, uint8_t ownHost, RemoteNodes& remote, Deliver deliver);
 
   // One ZeroMQ message as the receiving socket hands it over: frames[0] the peer's routing id.
-  void handle(const Frame* frames, size_t count, uint64_t nowNs);
+  // peerKey: with keys in the map, the public key (Z85) the connection was authenticated with, which
+  // must be the key of the host the routing id names; null for plain links.
+  void handle(const Frame* frames, size_t count, const char* peerKey, uint64_t nowNs);
   // Clears the bits of hosts silent for kPeerSilenceNs.
   void expireSilentPeers(uint64_t nowNs);
+  // Whether every other host of the map has been heard (and not been silent since).
+  bool allPeersHeard() const;
 
  private:
   struct Peer {
@@ -50,12 +59,14 @@ class BridgeInbound {
   };
 
   uint8_t peerOf(const Frame& routingId) const;
-  void handleMessage(uint8_t peer, const Frame& message, uint64_t nowNs);
+  void handleMessage(uint8_t peer, uint16_t origin, const Frame& message, uint64_t nowNs);
+  void markSpeaking(uint8_t peer, uint16_t origin);
   void handleLiveNodes(uint8_t peer, const Frame& body, uint64_t nowNs);
   void forget(uint8_t peer);
 
   const NodeMap& map_;
   const uint8_t ownHost_;
+  const bool keyed_;
   RemoteNodes& remote_;
   const Deliver deliver_;
   std::vector<Peer> peers_;

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include "HostEnvironment.h"
 #include "NodeAlias.h"
 #include "PhysicalMemory.h"
+#include "RadioClock.h"
 #include "SysComFields.h"
 
 namespace rhyddal {
@@ -24,6 +26,9 @@ constexpr uint32_t kLoopbackRouteKind = 1;
 constexpr uint32_t kMaxNid = 0xFFFF;
 constexpr uint32_t kHandleTag = 0x00010000;  // keeps the transport handle non-zero for node 0
 constexpr int kTimedOut = 1;
+// A new bridge settles within a second (Bridge.cc, kSettleNs) of winning its election.
+constexpr uint64_t kBridgeSettleWaitNs = uint64_t{1500} * 1000 * 1000;
+constexpr uint64_t kBridgeSettlePollNs = 2 * 1000 * 1000;
 
 uint16_t nidOf(uint32_t sicAddress) { return static_cast<uint16_t>(sicAddress >> 16); }
 
@@ -101,6 +106,28 @@ int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
   pinCallingThread(cpu);
   *handle = kHandleTag | nid;
   return 0;
+}
+
+// A node sends its first messages, to other hosts too, as it starts (announcing itself to the
+// broker server, registering its parameters): while the host's bridge has not yet heard a host,
+// they would fail as if no node ran there. A bridge that cannot start must not keep the node from
+// running, hence the bound.
+void EventMachine::waitForBridgeToSettle() {
+  if (remoteNodes_ == nullptr) return;
+  const uint64_t deadline = monotonicNanoseconds() + kBridgeSettleWaitNs;
+  while (!bridgeSettled() && monotonicNanoseconds() < deadline) {
+    const timespec pause{0, static_cast<long>(kBridgeSettlePollNs)};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+// A settled state left by a bridge that has died is not this host's bridge's: the mailbox of a
+// live bridge says the state is current.
+bool EventMachine::bridgeSettled() {
+  if (remoteNodes_->bridgeState() != RemoteNodes::BridgeState::kSettled) return false;
+  ProcessLockGuard guard(lock_);
+  int error = 0;
+  return directory_.findBridge(&error) != nullptr;
 }
 
 // Routes are appended and never removed: readers on the send path take the count with acquire
@@ -269,7 +296,8 @@ int EventMachine::transmit(void* buffer, uint32_t length, RecordKind kind, uint1
   int error = 0;
   Mailbox* target = mailboxFor(nid, &error);
   if (target == nullptr) return error;
-  const int rc = pushResultCode(target->push(buffer, length, kind));
+  const uint16_t origin = static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed));
+  const int rc = pushResultCode(target->push(buffer, length, kind, origin));
   if (rc != 0) return rc;
   uint32_t boundEvent = 0;
   pool_.hold(buffer, &boundEvent);

@@ -38,6 +38,9 @@ class EventMachine {
   // here where they go beyond them.
   // serverInit: 0, -EINVAL, -EALREADY, -EADDRINUSE, -ENOTSUP (see Mailbox::create), other < 0.
   int serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle);
+  // After serverInit, with a node map: returns once the host's bridge has heard the other hosts,
+  // or after kBridgeSettleWaitNs. Takes no lock.
+  void waitForBridgeToSettle();
   // 0, -EINVAL, -ENOSPC.
   int addTestRoute(uint32_t kind, uint32_t from, uint32_t to);
   void* alloc(uint32_t size);
@@ -83,6 +86,7 @@ class EventMachine {
   int transmit(void* buffer, uint32_t length, RecordKind kind, uint16_t nid);
   bool isLocal(uint16_t nid) const;
   bool placedOnOtherHost(uint16_t nid) const;
+  bool bridgeSettled();
   bool headerAgreesOffHost(const void* message, uint32_t receiver) const;
   Mailbox* mailboxFor(uint16_t nid, int* error);
 

@@ -50,7 +50,7 @@ void discardLane(const LaneView& lane, uint64_t head, uint64_t tail) {
 
 }  // namespace
 
-LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, void** message) {
+LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, void** message, uint16_t* origin) {
   const uint64_t head = lane.control->head.load(std::memory_order_relaxed);  // stored by us only
   if (bytesOf(head) == bytesOf(*knownTail)) {
     *knownTail = lane.control->tail.load(std::memory_order_acquire);
@@ -84,6 +84,7 @@ LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, 
   storeHead(lane, laneIndex(recordsOf(head) + 1, bytesOf(head) + recordBytesFor(record.length)));
   if (messageIsSound(lane.nid, copy, record)) {
     *message = copy;
+    if (origin != nullptr) *origin = record.origin;
     return LaneRead::kMessage;
   }
   pool.release(copy);

@@ -31,7 +31,9 @@ struct LaneView {
 // it, so a busy lane costs the consumer no load of the producer's cache line per record. Never
 // reads or writes outside lane.ring, whatever the lane's contents: a record that does not fit
 // what was published, or indices that cannot be, make the consumer drop everything published
-// in the lane so far, with one line on stderr.
-LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, void** message);
+// in the lane so far, with one line on stderr. With a message, *origin (when not null) gets the
+// record's origin.
+LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, void** message,
+                  uint16_t* origin = nullptr);
 
 }  // namespace rhyddal

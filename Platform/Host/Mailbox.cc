@@ -236,7 +236,7 @@ Mailbox::~Mailbox() {
 
 bool Mailbox::ownerAlive() const { return owner_ || ownerLockHeld(*header_); }
 
-PushResult Mailbox::push(const void* payload, uint32_t length, RecordKind kind) {
+PushResult Mailbox::push(const void* payload, uint32_t length, RecordKind kind, uint16_t origin) {
   const uint32_t recordBytes = recordBytesFor(length);
   if (length > kMaxBufferBytes || recordBytes > laneBytes_ / 2) return PushResult::kTooLarge;
   if (lane_ < 0 && !claimLane()) return PushResult::kNoLane;
@@ -259,7 +259,7 @@ PushResult Mailbox::push(const void* payload, uint32_t length, RecordKind kind) 
     std::memcpy(ring + position, &marker, sizeof(marker));
   }
   const uint32_t start = (tail + padding) & (laneBytes_ - 1);
-  const RecordHeader record{length, static_cast<uint16_t>(kind), 0};
+  const RecordHeader record{length, static_cast<uint16_t>(kind), origin};
   std::memcpy(ring + start, &record, sizeof(record));
   std::memcpy(ring + start + sizeof(record), payload, length);
   producerTail_ = laneIndex(recordsOf(producerTail_) + 1, tail + static_cast<uint32_t>(needed));
@@ -337,12 +337,12 @@ void Mailbox::forgetLane(uint32_t lane) {
 
 // A lane is forgotten as soon as head reaches the tail last read: a record published after that
 // read sets the lane's bit in pending again, since its fetch_or comes after our last exchange.
-void* Mailbox::pop(MessagePool& pool) {
+void* Mailbox::pop(MessagePool& pool, uint16_t* origin) {
   for (;;) {
     if (localPending_ == 0 && !collectPending()) return nullptr;
     const uint32_t lane = nextPendingLane();
     void* message = nullptr;
-    switch (readLane(laneView(lane), &knownTails_[lane], pool, &message)) {
+    switch (readLane(laneView(lane), &knownTails_[lane], pool, &message, origin)) {
       case LaneRead::kMessage:
         cursor_ = (lane + 1) % kLaneCount;
         if (bytesOf(header_->lanes[lane].head.load(std::memory_order_relaxed)) == bytesOf(knownTails_[lane])) {

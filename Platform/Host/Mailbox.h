@@ -63,8 +63,9 @@ class Mailbox {
   uint32_t laneBytes() const { return laneBytes_; }
 
   // Producer side: any process; the threads of one process serialise their pushes to one
-  // mailbox object (the event machine's lock does). The first push claims a lane.
-  PushResult push(const void* payload, uint32_t length, RecordKind kind);
+  // mailbox object (the event machine's lock does). The first push claims a lane. origin: the
+  // node id the sending process serves (see RecordHeader); only the bridge reads it.
+  PushResult push(const void* payload, uint32_t length, RecordKind kind, uint16_t origin = 0);
   // True while the owning node's server thread lives. Reads one word; no lock, no system call.
   bool ownerAlive() const;
   // The thread id of the owning node's server thread (who it is, not whether it lives).
@@ -74,7 +75,8 @@ class Mailbox {
   // The next valid record copied into a pool buffer, or null when none is waiting (or the pool is
   // out of buffers; the record then stays queued). Lanes with records are served round-robin, one
   // record each, so one busy sender cannot starve the others; each lane keeps its sender's order.
-  void* pop(MessagePool& pool);
+  // *origin, when asked for, gets the record's origin.
+  void* pop(MessagePool& pool, uint16_t* origin = nullptr);
   // Picks up lanes with records whose summary bit was never set (their sender died between
   // publishing and announcing). Costs two loads per lane: for slow paths (a timed-out wait).
   void collectAllLanes();

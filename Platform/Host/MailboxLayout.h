@@ -41,7 +41,7 @@
 namespace rhyddal {
 
 constexpr uint32_t kMailboxMagic = 0x4D594852;  // "RHYM"
-constexpr uint32_t kMailboxLayoutVersion = 3;
+constexpr uint32_t kMailboxLayoutVersion = 4;
 constexpr uint32_t kLaneCount = 64;
 constexpr uint32_t kRecordAlignment = 8;
 constexpr uint32_t kWrapMarker = 0xFFFFFFFFu;
@@ -56,7 +56,10 @@ enum class RecordKind : uint16_t { kMessage = 1, kRawEvent = 2 };
 struct RecordHeader {
   uint32_t length;  // payload bytes; kWrapMarker: skip to the start of the ring
   uint16_t kind;    // RecordKind
-  uint16_t reserved;
+  // The node id the sending process serves. The bridge passes it on to the other host, which
+  // checks it against the host that sent it; the message header's sender may name any node (a
+  // node passing a message on keeps its first sender).
+  uint16_t origin;
 };
 
 struct alignas(8) LockSlot {
@@ -113,7 +116,7 @@ static_assert(std::atomic<uint32_t>::is_always_lock_free, "futex words and flags
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "lane indices are single 64-bit atomics");
 static_assert(sizeof(std::atomic<uint32_t>) == 4 && sizeof(std::atomic<uint64_t>) == 8, "shared word sizes");
 static_assert(alignof(std::atomic<uint64_t>) == 8, "64-bit words are naturally aligned on every build");
-static_assert(sizeof(RecordHeader) == 8, "record header layout");
+static_assert(sizeof(RecordHeader) == 8 && offsetof(RecordHeader, origin) == 6, "record header layout");
 static_assert(sizeof(pthread_mutex_t) <= kLockSlotBytes, "the C library mutex fits its slot");
 static_assert(alignof(pthread_mutex_t) <= 8, "the C library mutex fits its slot's alignment");
 static_assert(offsetof(LaneControl, owner) == 0 && offsetof(LaneControl, tail) == 8, "lane layout");

@@ -32,10 +32,25 @@ std::string hex4(uint32_t value) {
   return text;
 }
 
+bool isZ85Key(const std::string& key) {
+  static const char kZ85[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ.-:+=^!/*?&<>()[]{}@%$#";
+  return key.size() == NodeMap::kKeyLength && key.find_first_not_of(kZ85) == std::string::npos;
+}
+
+// Where a key may stand: the third word of a host line, the second of a secret-key line.
+bool isKeyPosition(const std::vector<std::string>& wordsBefore) {
+  return wordsBefore.size() == (!wordsBefore.empty() && wordsBefore[0] == kSecretKeyWord ? 1u : 2u);
+}
+
+// A word starting with '#' starts a comment, unless it is a key where a key may stand: '#' is one
+// of the characters of Z85.
 std::vector<std::string> wordsOf(const std::string& line) {
-  std::istringstream stream(line.substr(0, line.find('#')));
+  std::istringstream stream(line);
   std::vector<std::string> words;
-  for (std::string word; stream >> word;) words.push_back(word);
+  for (std::string word; stream >> word;) {
+    if (word[0] == '#' && !(isKeyPosition(words) && isZ85Key(word))) break;
+    words.push_back(word);
+  }
   return words;
 }
 
@@ -86,11 +101,6 @@ std::string endpointProblem(const std::string& endpoint) {
   }
   if (address[0] == '*') return "tcp endpoint must name an address the other hosts can reach: \"" + endpoint + "\"";
   return std::string();
-}
-
-bool isZ85Key(const std::string& key) {
-  static const char kZ85[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ.-:+=^!/*?&<>()[]{}@%$#";
-  return key.size() == NodeMap::kKeyLength && key.find_first_not_of(kZ85) == std::string::npos;
 }
 
 class Parser {

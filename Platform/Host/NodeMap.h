@@ -1,7 +1,8 @@
 // Which node ids live on which host: the map named by RHYDDAL_NODE_MAP, shared by every host of a
 // system. A host is known by the endpoint its bridge binds and the others connect to.
 //
-// Text format, one entry per line, '#' starts a comment:
+// Text format, one entry per line, a word starting with '#' starts a comment (but for a key, Z85
+// having '#' among its characters):
 //   <nid> | <nid>-<nid>   <endpoint>   [<public key>]
 //   secret-key <key>
 // Node ids are numbers in C notation (0x1011, 4113), ranges inclusive and never overlapping. An

@@ -105,6 +105,13 @@ TEST(NodeMap, KeysAreKeptPerHostAndTheSecretKeyOnce) {
   const std::vector<std::string> errors = errorsOf("secret-key " + key + "\nsecret-key " + key + "\n");
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0], "line 2: a second secret-key");
+
+  // '#' is a Z85 character: a key may hold one anywhere, even first, and stays a key.
+  const std::string hashFirst = "#" + key.substr(1), hashInside = key.substr(0, 20) + "#" + key.substr(21);
+  const NodeMap hashes = parsed("0x1000 tcp://10.0.0.1:5601 " + hashFirst + " # host A\n" +
+                                "secret-key " + hashInside + " # the comment\n");
+  EXPECT_EQ(hashes.hosts()[0].publicKey, hashFirst);
+  EXPECT_EQ(hashes.secretKey(), hashInside);
 }
 
 TEST(NodeMap, AMapOnDiskIsReadAndAMissingOneIsOneError) {

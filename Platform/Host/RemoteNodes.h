@@ -4,6 +4,10 @@
 // A send to a node id the map places elsewhere first reads its bit (one load, no system call), so
 // a send to a node that is not running, or to a host that is down or silent, fails at once with
 // the error a dead local node gives, and the runtime frees the message as it always does.
+//
+// After the bits, one word tells how far the host's bridge has come: a node starting waits (a
+// bounded time) until the bridge has heard the other hosts, so the messages it sends as it starts
+// do not fail only because the bridge has not learned yet which of their nodes run.
 #pragma once
 
 #include <atomic>
@@ -15,10 +19,18 @@ namespace rhyddal {
 
 class RemoteNodes {
  public:
-  static constexpr size_t kWords = 0x10000 / 64;
-  static constexpr size_t kBytes = kWords * sizeof(uint64_t);
+  static constexpr size_t kWords = 0x10000 / 64;  // the bits
+  static constexpr size_t kStateWord = kWords;
+  static constexpr size_t kTotalWords = kWords + 1;
+  static constexpr size_t kBytes = kTotalWords * sizeof(uint64_t);
 
-  // Over words the caller keeps (kWords of them), for tests and the fuzz target.
+  enum class BridgeState : uint64_t {
+    kNone = 0,      // no bridge has started on this host yet
+    kStarting = 1,  // a bridge started and has not heard every other host yet
+    kSettled = 2,   // it has, or has waited long enough for those that are down
+  };
+
+  // Over words the caller keeps (kTotalWords of them), for tests and the fuzz target.
   explicit RemoteNodes(std::atomic<uint64_t>* words) : words_(words), mapped_(false) {}
   // Maps this host's object, creating it all clear when it does not exist yet. Returns 0 or the
   // negated errno of the failed call (-EINVAL for an unusable RHYDDAL_NAMESPACE).
@@ -34,6 +46,9 @@ class RemoteNodes {
   // The bridge's side. Atomic per bit: the bridge's threads set and clear bits of different hosts.
   void set(uint16_t nid, bool reachable);
   void clearAll();
+
+  void setBridgeState(BridgeState state) { words_[kStateWord].store(static_cast<uint64_t>(state), std::memory_order_release); }
+  BridgeState bridgeState() const { return static_cast<BridgeState>(words_[kStateWord].load(std::memory_order_acquire)); }
 
  private:
   RemoteNodes(std::atomic<uint64_t>* words, bool mapped) : words_(words), mapped_(mapped) {}

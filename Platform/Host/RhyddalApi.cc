@@ -87,6 +87,7 @@ int vak_em_server_init(uint32_t nid, uint32_t cpu, uint32_t flags, uint32_t* han
   (void)flags;
   const int rc = machine().serverInit(nid, cpu, handle);
   if (rc != 0) return rc;
+  machine().waitForBridgeToSettle();
   std::atexit(rhyddal::unlinkOwnObjectsAtExit);
   // A node whose CDMA time service cannot map the object still runs: its calls then fail softly.
   rhyddal::ensureBtsTimeSyncObject();

@@ -1,8 +1,12 @@
-// Nodes on two hosts: each host a network namespace with a /dev/shm of its own, joined by a
-// virtual Ethernet link, with real node processes talking through the hosts' bridges over TCP.
-// A third host is in the map but never comes up.
+// Nodes on several hosts: each host a network namespace with a /dev/shm of its own, all on one
+// virtual Ethernet segment, with real node processes talking through the hosts' bridges over TCP.
+// Hosts A, B and C come up; a fourth, D, is in the map but never does. Messages of every length
+// cross; broker publications, R&D parameters and system log lines cross with nothing changed above
+// the platform; and what goes wrong between hosts: a node restarted, the link down and up again, a
+// peer sending what is not of the bridges' protocol.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <zmq.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +16,10 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "BridgeWire.h"
 #include "NodeProcess.h"
 #include "Rhyddal.h"
 #include "TestHost.h"
@@ -34,10 +41,16 @@ using OlmTest::WireNode;
 
 constexpr char kAddressA[] = "169.254.52.1";
 constexpr char kAddressB[] = "169.254.52.2";
-constexpr char kAddressDown[] = "169.254.52.3";  // host C: on the link's subnet, never answers
+constexpr char kAddressC[] = "169.254.52.3";
+constexpr char kAddressDown[] = "169.254.52.4";  // host D: on the segment's subnet, never answers
 constexpr uint16_t kStatisticsCpid = 0x0610;       // echoes every message to its sender
 constexpr uint16_t kTestCpid = 0x0700;
+constexpr uint16_t kMasterNid = 0x30F0;
 constexpr uint16_t kTestMsgId = 0x3A77;
+constexpr uint16_t kSequencedMsgId = 0x3A78;
+constexpr uint16_t kForgedMsgId = 0x3A79;
+constexpr char kBridgePort[] = "5601";
+constexpr auto kSendPeriodNs = 1000 * 1000;
 constexpr uint32_t kHeaderBytes = 16;
 constexpr uint32_t kLargestMessage = 65535;
 constexpr uint32_t kInFlight = 8;  // 8 of the largest fill half a sender's lane in the bridge's mailbox
@@ -55,21 +68,30 @@ uint32_t lengthAt(uint32_t index) { return std::min(kHeaderBytes + index * kLeng
 
 uint32_t sic(uint16_t nid, uint16_t cpid) { return uint32_t{nid} << 16 | cpid; }
 
+std::string endpointOf(const char* address) { return std::string("tcp://") + address + ":" + kBridgePort; }
+
 class NodeHosts : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!OlmTest::deadLockOwnersAreDetected()) GTEST_SKIP() << "under emulation: no hosts of their own here";
     const std::string why = OlmTest::whyHostsCannotBeMade();
     if (!why.empty()) GTEST_SKIP() << why;
+    m_switch = std::make_unique<TestHost>();
     m_a = std::make_unique<TestHost>();
     m_b = std::make_unique<TestHost>();
-    ASSERT_TRUE(m_a->ok() && m_b->ok());
-    ASSERT_TRUE(OlmTest::joinHosts(*m_a, kAddressA, *m_b, kAddressB));
+    m_c = std::make_unique<TestHost>();
+    ASSERT_TRUE(m_switch->ok() && m_a->ok() && m_b->ok() && m_c->ok());
+    ASSERT_TRUE(OlmTest::makeSwitch(*m_switch));
+    ASSERT_TRUE(OlmTest::plugIn(*m_switch, *m_a, kAddressA, "to-a") && OlmTest::plugIn(*m_switch, *m_b, kAddressB, "to-b") &&
+                OlmTest::plugIn(*m_switch, *m_c, kAddressC, "to-c"));
     m_map = "/tmp/olm-hosts-map-" + OlmTest::testNamespace();
     std::ofstream(m_map) << "# node ids    endpoint\n"
-                         << "0x1000-0x1fff tcp://" << kAddressA << ":5601\n"
-                         << "0x2000-0x2fff tcp://" << kAddressB << ":5601\n"
-                         << "0x3000-0x3fff tcp://" << kAddressDown << ":5601\n";
+                         << "0x1000-0x101c " << endpointOf(kAddressA) << "\n"
+                         << "0x101d        " << endpointOf(kAddressB) << "  # the log collector of nodes 0x1010-0x101f\n"
+                         << "0x101e-0x1fff " << endpointOf(kAddressA) << "\n"
+                         << "0x2000-0x2fff " << endpointOf(kAddressB) << "\n"
+                         << "0x3000-0x3fff " << endpointOf(kAddressC) << "\n"
+                         << "0x4000-0x4fff " << endpointOf(kAddressDown) << "\n";
   }
   void TearDown() override { std::remove(m_map.c_str()); }
 
@@ -85,22 +107,38 @@ class NodeHosts : public ::testing::Test {
   }
 
   // body in a child process that is a process of host; its exit status.
-  int inHost(const TestHost& host, const std::function<int()>& body) {
-    return OlmTest::exitStatusOfChild([&] {
+  int inHost(const TestHost& host, const std::function<int()>& body) { return OlmTest::exitStatusOf(startInHost(host, body)); }
+  // The same, running on while the test goes on: exitStatusOf(pid) waits for it.
+  pid_t startInHost(const TestHost& host, const std::function<int()>& body) {
+    return OlmTest::startChild([&] {
       if (!host.enter()) return 125;
       setenv("RHYDDAL_NODE_MAP", m_map.c_str(), 1);
       return body();
     });
   }
+  // The master node on host C, with the broker server and whatever else extra loads.
+  std::unique_ptr<NodeProcess> startMaster(const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> args{"--masternid", hex(kMasterNid), "--load-local", OLM_TEST_BROKER_SERVER};
+    args.insert(args.end(), extra.begin(), extra.end());
+    auto master = startNode(*m_c, kMasterNid, args, {"OLM_BROKER_SERVER_VERBOSE=1"});
+    EXPECT_TRUE(master->waitUntilPrinted("serving the system zone")) << master->output();
+    return master;
+  }
 
-  std::unique_ptr<TestHost> m_a, m_b;
+  // The host's link to the others taken down or up.
+  static bool setLink(const TestHost& host, const char* state) {
+    return host.run({"/usr/sbin/ip", "link", "set", OlmTest::kLinkName, state}) == 0;
+  }
+
+  std::unique_ptr<TestHost> m_switch, m_a, m_b, m_c;
   std::string m_map;
 };
 
 // Sends a message of length bytes whose payload depends on seq, retrying while its receiver is
 // not reachable yet; false when that lasts, or for any other failure.
-bool sendOnceReachable(WireNode& node, uint32_t receiver, uint32_t length, uint32_t seq) {
-  const auto deadline = std::chrono::steady_clock::now() + kReachableWithin;
+bool sendOnceReachable(WireNode& node, uint32_t receiver, uint32_t length, uint32_t seq,
+                       std::chrono::seconds within = kReachableWithin) {
+  const auto deadline = std::chrono::steady_clock::now() + within;
   for (;;) {
     void* message = WireNode::newMessage(kTestMsgId, receiver, sic(node.nid(), kTestCpid), length - kHeaderBytes);
     if (message == nullptr) return false;
@@ -160,14 +198,14 @@ TEST_F(NodeHosts, MessagesOfEveryLengthCrossToAnotherHostAndBackInOrder) {
   EXPECT_EQ(status, 0) << echoNode->output();
 }
 
-// Host C is in the map but down; node 0x2032 of host B never starts.
+// Host D is in the map but down; node 0x2032 of host B never starts.
 TEST_F(NodeHosts, ASendToANodeOnAHostThatIsDownOrNotRunningFailsAtOnce) {
   auto running = startNode(*m_b, 0x2031);
   const int status = inHost(*m_a, [] {
     WireNode node(0x1031);
     if (!node.ok()) return 1;
     if (!sendOnceReachable(node, sic(0x2031, kStatisticsCpid), 64, 1)) return 2;  // host B is up
-    for (const uint16_t unreachable : {0x3031, 0x2032}) {
+    for (const uint16_t unreachable : {0x4031, 0x2032}) {
       void* message = WireNode::newMessage(kTestMsgId, sic(unreachable, kTestCpid), sic(0x1031, kTestCpid), 64);
       const int rc = vakem_send(message, sic(unreachable, kTestCpid));
       vakem_free(message);
@@ -176,6 +214,271 @@ TEST_F(NodeHosts, ASendToANodeOnAHostThatIsDownOrNotRunningFailsAtOnce) {
     return 0;
   });
   EXPECT_EQ(status, 0) << running->output();
+}
+
+// As a peer that is no bridge: a DEALER socket calling itself routingId, connected to endpoint,
+// sending each message's frames; true once all are handed to the connection.
+using RawMessage = std::vector<std::pair<const void*, size_t>>;
+bool sendAsRawPeer(const std::string& endpoint, const std::string& routingId, const std::vector<RawMessage>& messages) {
+  constexpr int kLingerMs = 10000;
+  void* context = zmq_ctx_new();
+  void* socket = zmq_socket(context, ZMQ_DEALER);
+  zmq_setsockopt(socket, ZMQ_ROUTING_ID, routingId.data(), routingId.size());
+  zmq_setsockopt(socket, ZMQ_LINGER, &kLingerMs, sizeof(kLingerMs));
+  bool sent = zmq_connect(socket, endpoint.c_str()) == 0;
+  for (const RawMessage& message : messages) {
+    for (size_t i = 0; i < message.size() && sent; ++i) {
+      sent = zmq_send(socket, message[i].first, message[i].second, i + 1 < message.size() ? ZMQ_SNDMORE : 0) >= 0;
+    }
+  }
+  zmq_close(socket);
+  zmq_ctx_term(context);
+  return sent;
+}
+
+// The broker's system zone across hosts, nothing changed above the platform: a publication of a
+// node on host A reaches a subscriber on host B through the broker server on host C, which passes
+// it on with the publisher as sender.
+TEST_F(NodeHosts, ABrokerPublicationReachesASubscriberOnAnotherHostThroughTheServerOnAThird) {
+  auto master = startMaster();
+  const auto brokerNode = [&](const TestHost& host, uint16_t nid, const std::string& actions) {
+    return startNode(host, nid, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::libraryPath("BrokerSystemTestEu")},
+                     {"OLM_BROKER_ACTIONS=" + actions});
+  };
+  auto subscriber = brokerNode(*m_b, 0x2071, "sub0");
+  ASSERT_TRUE(master->waitUntilPrinted("0x20710702 subscribed 0x3a01")) << master->output();
+  auto publisher = brokerNode(*m_a, 0x1071, "pub0=7");
+  EXPECT_TRUE(subscriber->waitUntilPrinted("subscriber 0x20710702 got 7 from 0x10710704"))
+      << subscriber->output() << master->output();
+}
+
+// An R&D parameter of a node on host B, read and written with olmctl on host A through the R&D
+// master on host C. olmctl serves a node id of its own, 0x1ff0 to 0x1ff7, which the map places on
+// host A, so the master's answers find their way back.
+TEST_F(NodeHosts, OlmctlOnOneHostReadsAndWritesTheParametersOfANodeOnAnotherThroughTheMasterOnAThird) {
+  auto master = startMaster({"--load-local", OLM_TEST_RAD_MASTER});
+  ASSERT_TRUE(master->waitUntilPrinted("R&D master: serving on node")) << master->output();
+  auto news = startNode(*m_b, 0x2081, {"--masternid", hex(kMasterNid), "--load-local", OLM_TEST_NEWS_EU});
+  ASSERT_TRUE(master->waitUntilPrinted("R&D master: node 0x2081 registered domain 50 with 2 parameters")) << master->output();
+  const auto olmctl = [&](const std::vector<std::string>& args) {
+    std::vector<std::string> command{OLM_TEST_OLMCTL, "--master", hex(kMasterNid)};
+    command.insert(command.end(), args.begin(), args.end());
+    return OlmTest::runProgram(command, [&] {
+      if (!m_a->enter()) _exit(125);
+      setenv("RHYDDAL_NODE_MAP", m_map.c_str(), 1);
+    });
+  };
+  const OlmTest::ProgramRun set = olmctl({"rad", "set", "0x2081", "50:0", "500"});
+  EXPECT_EQ(set.status, 0) << set.err;
+  EXPECT_TRUE(news->waitUntilPrinted("NewsPeriodMs set to 500")) << news->output();
+  const OlmTest::ProgramRun get = olmctl({"rad", "get", "0x2081", "50:0"});
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_EQ(get.out,
+            "INDEX   VALUE                    DEFAULT\n"
+            "0x0000  0x000001f4 (500)         0x000007d0 (2000)\n");
+}
+
+// System log lines of node 0x1011 on host A go to its group's collector, node 0x101d, which the map
+// places on host B.
+TEST_F(NodeHosts, SystemLogLinesReachTheGroupsCollectorOnAnotherHost) {
+  auto collector = startNode(*m_b, 0x101D, {"--load-local", OLM_TEST_SYSLOG_PRINTER_EU});
+  auto logging = startNode(*m_a, 0x1011, {"--load-local", OlmTest::pingEuPath()},
+                           {"OLM_PING_PEER=0x1012", "OLM_PING_PERIOD_MS=20"});
+  auto peer = startNode(*m_a, 0x1012, {"--load-local", OlmTest::pingEuPath()}, {"OLM_PING_PEER=0x1011", "OLM_PING_PERIOD_MS=20"});
+  EXPECT_TRUE(collector->waitUntilPrinted("PingEu: 10 pongs from node 0x1012")) << collector->output() << logging->output();
+}
+
+// A sequenced message: its sequence number first, then bytes that depend on it, the length too.
+void* newSequenced(uint32_t receiver, uint32_t sender, uint32_t seq) {
+  const uint32_t size = sizeof(seq) + seq % 61 * 17;
+  void* message = WireNode::newMessage(kSequencedMsgId, receiver, sender, size);
+  if (message == nullptr) return nullptr;
+  auto* payload = static_cast<uint8_t*>(message) + kHeaderBytes;
+  std::memcpy(payload, &seq, sizeof(seq));
+  for (uint32_t i = sizeof(seq); i < size; ++i) payload[i] = static_cast<uint8_t>(seq * 7 + i);
+  return message;
+}
+
+// Whether the message is a sequenced one, whole and unchanged; its sequence number in *seq.
+bool isIntactSequenced(const WireNode::Message& message, uint32_t* seq) {
+  if (message.payload.size() < sizeof(*seq)) return false;
+  std::memcpy(seq, message.payload.data(), sizeof(*seq));
+  if (message.payload.size() != sizeof(*seq) + *seq % 61 * 17) return false;
+  for (size_t i = sizeof(*seq); i < message.payload.size(); ++i) {
+    if (message.payload[i] != static_cast<uint8_t>(*seq * 7 + i)) return false;
+  }
+  return true;
+}
+
+// Receives count sequenced messages, each intact and numbered above the one before and above
+// after; the last number, or 0 when one was missing, damaged, repeated or out of order.
+uint32_t receiveSequenced(WireNode& node, uint32_t count, uint32_t after) {
+  uint32_t last = after;
+  for (uint32_t i = 0; i < count; ++i) {
+    WireNode::Message message;
+    uint32_t seq = 0;
+    if (!node.receive(kSequencedMsgId, message) || !isIntactSequenced(message, &seq) || seq <= last) {
+      std::fprintf(stderr, "sequenced message %u after %u: missing, damaged or out of order (%u)\n", i, last, seq);
+      return 0;
+    }
+    last = seq;
+  }
+  return last;
+}
+
+// Node 0x2041 on host B stops taking messages and is killed while node 0x1041 on host A sends to it
+// every millisecond; started again under the same node id it is reached again, and it gets only
+// messages sent after those its predecessor took, each whole, none twice. Node 0x2040 keeps the
+// host's bridge meanwhile.
+TEST_F(NodeHosts, ANodeRestartedOnAnotherHostIsReachedAgainWithNothingDuplicatedOrDamaged) {
+  constexpr uint32_t kMessagesPerLife = 200;
+  const uint16_t receiverNid = 0x2041;
+  auto keeper = startNode(*m_b, 0x2040);
+  ASSERT_TRUE(keeper->waitForOutput("bridge of " + endpointOf(kAddressB))) << keeper->output();
+  OlmTest::Signal took, stop;
+  const auto receiver = [&](uint32_t after) {
+    return startInHost(*m_b, [&, after] {
+      WireNode node(receiverNid);
+      const uint32_t last = node.ok() ? receiveSequenced(node, kMessagesPerLife, after) : 0;
+      took.send(last);
+      pause();
+      return 0;
+    });
+  };
+  const pid_t first = receiver(0);
+  const pid_t sender = startInHost(*m_a, [&] {
+    WireNode node(0x1041);
+    if (!node.ok()) return 1;
+    const uint32_t to = sic(receiverNid, kTestCpid);
+    for (uint32_t seq = 1; stop.wait(std::chrono::milliseconds(0)) == 0; ++seq) {
+      void* message = newSequenced(to, sic(node.nid(), kTestCpid), seq);
+      const int rc = vakem_send(message, to);
+      if (rc != 0) vakem_free(message);
+      if (rc != 0 && rc != -EHOSTUNREACH && rc != -ENOBUFS) return 2;
+      vakem_wait_for_event(0, kSendPeriodNs);
+    }
+    return 0;
+  });
+  const uint64_t lastBefore = took.wait();
+  kill(first, SIGKILL);
+  OlmTest::exitStatusOf(first);
+  ASSERT_NE(lastBefore, 0u) << keeper->output();
+  const pid_t second = receiver(static_cast<uint32_t>(lastBefore));
+  EXPECT_NE(took.wait(), 0u) << keeper->output();
+  kill(second, SIGKILL);
+  OlmTest::exitStatusOf(second);
+  stop.send();
+  EXPECT_EQ(OlmTest::exitStatusOf(sender), 0);
+}
+
+// Node 0x1051 on host A reaches the echoing node 0x2051 on host B; then A's end of the link goes
+// down. Once host B has been silent long enough to count as down, sends to it fail at once, so a
+// loop of them ends; with the link up again the echoes resume, of what was sent before too, each
+// whole and in order.
+TEST_F(NodeHosts, WhileTheLinkIsDownSendsFailAtOnceAndTrafficResumesWhenItIsBack) {
+  constexpr uint32_t kFailingSends = 1000;
+  // What goes out before host B counts as down arrives there in one burst when the link is back:
+  // a few hundred, well within what the echoing node's queue holds (1023).
+  constexpr uint32_t kSlowSendPeriodNs = 10 * kSendPeriodNs;
+  constexpr auto kCountedDownWithin = std::chrono::seconds(30);
+  // Over a connection that outlived the outage, TCP's retransmission backs off for seconds; one
+  // that did not is made again.
+  constexpr auto kBackWithin = std::chrono::seconds(60);
+  auto echoNode = startNode(*m_b, 0x2051);
+  OlmTest::Signal reached, linkDown, sendsFail, linkUp;
+  const pid_t sender = startInHost(*m_a, [&] {
+    WireNode node(0x1051);
+    const uint32_t echo = sic(0x2051, kStatisticsCpid), self = sic(0x1051, kTestCpid);
+    uint32_t seq = 1, echoed = 0;
+    WireNode::Message reply;
+    if (!node.ok() || !sendOnceReachable(node, echo, 64, 0) || !node.receive(kTestMsgId, reply)) return 1;
+    reached.send();
+    if (linkDown.wait() == 0) return 2;
+    const auto deadline = std::chrono::steady_clock::now() + kCountedDownWithin;
+    for (int rc = 0; rc != -EHOSTUNREACH; ++seq) {
+      void* message = newSequenced(echo, self, seq);
+      rc = vakem_send(message, echo);
+      if (rc != 0) vakem_free(message);
+      if ((rc != 0 && rc != -EHOSTUNREACH) || std::chrono::steady_clock::now() > deadline) return 3;
+      vakem_wait_for_event(0, kSlowSendPeriodNs);
+    }
+    for (uint32_t i = 0; i < kFailingSends; ++i) {
+      void* message = newSequenced(echo, self, seq);
+      const int rc = vakem_send(message, echo);
+      vakem_free(message);
+      if (rc != -EHOSTUNREACH) return 4;
+    }
+    sendsFail.send();
+    if (linkUp.wait() == 0 || !sendOnceReachable(node, echo, 64, seq, kBackWithin)) return 5;
+    // Echoes of what went out before the host counted as down may come first.
+    for (uint32_t previous = 0; node.receiveAny(reply); previous = echoed) {
+      if (reply.id == kTestMsgId) return isEchoOf(reply, 64, seq) ? 0 : 6;
+      if (reply.id == kSequencedMsgId && (!isIntactSequenced(reply, &echoed) || echoed <= previous)) return 7;
+    }
+    return 8;
+  });
+  ASSERT_NE(reached.wait(), 0u) << echoNode->output();
+  ASSERT_TRUE(setLink(*m_a, "down"));
+  linkDown.send();
+  EXPECT_NE(sendsFail.wait(), 0u);
+  ASSERT_TRUE(setLink(*m_a, "up"));
+  linkUp.send();
+  EXPECT_EQ(OlmTest::exitStatusOf(sender), 0) << echoNode->output();
+}
+
+// A raw ZeroMQ peer on host A's link, calling itself host D (down, in the map) or no host at all,
+// sends host B's bridge what is not of the bridges' protocol, or speaks for nodes not its own; all
+// of it addressed to node 0x2061, which echoes to node 0x1061 whatever reaches it. Host B's bridge
+// drops it all, saying so, and node 0x1061 on host A, whose traffic goes on, never sees any of it.
+TEST_F(NodeHosts, WhatARawPeerSendsOutsideTheProtocolIsDroppedAndTheBridgeGoesOn) {
+  auto echoNode = startNode(*m_b, 0x2061);
+  OlmTest::Signal reached, sent;
+  const uint32_t echo = sic(0x2061, kStatisticsCpid), victim = sic(0x1061, kTestCpid);
+  const pid_t node = startInHost(*m_a, [&] {
+    WireNode self(0x1061);
+    WireNode::Message reply;
+    if (!self.ok() || !sendOnceReachable(self, echo, 64, 1) || !self.receive(kTestMsgId, reply)) return 1;
+    reached.send();
+    if (sent.wait() == 0 || !sendOnceReachable(self, echo, 64, 2)) return 2;
+    return self.receiveAny(reply) && isEchoOf(reply, 64, 2) ? 0 : 3;
+  });
+  ASSERT_NE(reached.wait(), 0u) << echoNode->output();
+  const int status = inHost(*m_a, [&] {
+    unsigned char valid[64] = {};
+    const uint16_t id = kForgedMsgId, length = sizeof(valid);
+    std::memcpy(valid, &id, sizeof(id));
+    std::memcpy(valid + 4, &echo, sizeof(echo));
+    std::memcpy(valid + 8, &victim, sizeof(victim));
+    std::memcpy(valid + 14, &length, sizeof(length));
+    unsigned char longer[sizeof(valid) + 1] = {};
+    std::memcpy(longer, valid, sizeof(valid));
+    const rhyddal::WireEnvelope asNodeOfD = rhyddal::wireEnvelope(rhyddal::WireTag::kMessage, 0x4061);
+    const rhyddal::WireEnvelope asNodeOfA = rhyddal::wireEnvelope(rhyddal::WireTag::kMessage, 0x1061);
+    rhyddal::WireEnvelope otherVersion = asNodeOfD;
+    otherVersion.version = rhyddal::kWireVersion + 1;
+    const rhyddal::WireEnvelope unknownKind = rhyddal::wireEnvelope(static_cast<rhyddal::WireTag>(9), 0x4061);
+    const rhyddal::WireEnvelope liveNodes = rhyddal::wireEnvelope(rhyddal::WireTag::kLiveNodes, 0);
+    const uint16_t nodesOfA[] = {0x1061};
+    const std::vector<std::vector<std::pair<const void*, size_t>>> messages = {
+        {{valid, sizeof(valid)}},                                              // no envelope
+        {{&asNodeOfD, 3}, {valid, sizeof(valid)}},                             // envelope cut short
+        {{&otherVersion, sizeof(otherVersion)}, {valid, sizeof(valid)}},       // another version
+        {{&unknownKind, sizeof(unknownKind)}, {valid, sizeof(valid)}},         // no such kind
+        {{&asNodeOfD, sizeof(asNodeOfD)}, {valid, 8}},                         // shorter than a header
+        {{&asNodeOfD, sizeof(asNodeOfD)}, {longer, sizeof(longer)}},           // longer than it says
+        {{&asNodeOfA, sizeof(asNodeOfA)}, {valid, sizeof(valid)}},             // speaking for host A
+        {{&asNodeOfD, sizeof(asNodeOfD)}, {valid, sizeof(valid)}, {"", 0}},    // a frame too many
+        {{&liveNodes, sizeof(liveNodes)}, {nodesOfA, sizeof(nodesOfA)}},       // host A's nodes as its own
+    };
+    return sendAsRawPeer(endpointOf(kAddressB), endpointOf(kAddressDown), messages) &&
+                   sendAsRawPeer(endpointOf(kAddressB), "nobody", {{{&asNodeOfD, sizeof(asNodeOfD)}, {valid, sizeof(valid)}}})
+               ? 0
+               : 1;
+  });
+  ASSERT_EQ(status, 0);
+  EXPECT_TRUE(echoNode->waitForOutput("bridge dropped a message")) << echoNode->output();
+  sent.send();
+  EXPECT_EQ(OlmTest::exitStatusOf(node), 0) << echoNode->output();
 }
 
 }  // namespace

@@ -142,6 +142,17 @@ bool NodeProcess::waitForOutput(const std::string& text, std::chrono::millisecon
   }
 }
 
+bool NodeProcess::waitUntilPrinted(const std::string& text, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (m_output.find(text) == std::string::npos) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || (!readSome(std::min(left, std::chrono::milliseconds(100))) && !running())) {
+      return m_output.find(text) != std::string::npos;
+    }
+  }
+  return true;
+}
+
 size_t NodeProcess::countOutput(const std::string& text) const {
   size_t count = 0;
   for (size_t at = m_output.find(text); at != std::string::npos; at = m_output.find(text, at + text.size())) ++count;
@@ -241,7 +252,7 @@ bool drain(int outFd, int errFd, std::string& out, std::string& err) {
 
 }  // namespace
 
-ProgramRun runProgram(const std::vector<std::string>& command) {
+ProgramRun runProgram(const std::vector<std::string>& command, const std::function<void()>& inChild) {
   ProgramRun run;
   int outPipe[2], errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0) return run;
@@ -254,6 +265,7 @@ ProgramRun runProgram(const std::vector<std::string>& command) {
   if (child == 0) {
     dup2(outPipe[1], STDOUT_FILENO);
     dup2(errPipe[1], STDERR_FILENO);
+    if (inChild) inChild();
     execCommand(command);
   }
   close(outPipe[1]);

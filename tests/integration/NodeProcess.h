@@ -34,6 +34,9 @@ class NodeProcess {
   bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10));
   // Occurrences of text in everything read so far.
   size_t countOutput(const std::string& text) const;
+  // Reads output until text has appeared anywhere in it, whatever was matched before (lines of
+  // several threads or sources come in any order), or the time ran out.
+  bool waitUntilPrinted(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10));
   const std::string& output() const { return m_output; }
 
   void kill(int signal);
@@ -94,6 +97,7 @@ struct ProgramRun {
   std::string out;
   std::string err;
 };
-ProgramRun runProgram(const std::vector<std::string>& command);
+// inChild runs in the child process just before the program starts.
+ProgramRun runProgram(const std::vector<std::string>& command, const std::function<void()>& inChild = {});
 
 }  // namespace OlmTest

@@ -1,6 +1,7 @@
 #include "TestHost.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -17,6 +18,7 @@ namespace OlmTest {
 namespace {
 
 constexpr char kIpCommand[] = "/usr/sbin/ip";
+constexpr char kSwitchName[] = "olmsw";
 constexpr char kReady = 'r';
 
 bool makePrivateNamespaces() {
@@ -42,6 +44,26 @@ int waitForStatus(pid_t child) {
 }
 
 }  // namespace
+
+Signal::Signal() {
+  if (pipe2(m_fds, O_CLOEXEC) != 0) m_fds[0] = m_fds[1] = -1;
+}
+
+Signal::~Signal() {
+  close(m_fds[0]);
+  close(m_fds[1]);
+}
+
+void Signal::send(uint64_t value) { (void)!write(m_fds[1], &value, sizeof(value)); }
+
+uint64_t Signal::wait(std::chrono::milliseconds timeout) {
+  pollfd readable{m_fds[0], POLLIN, 0};
+  uint64_t value = 0;
+  if (poll(&readable, 1, static_cast<int>(timeout.count())) == 1 && read(m_fds[0], &value, sizeof(value)) == sizeof(value)) {
+    return value;
+  }
+  return 0;
+}
 
 // The keeper makes the namespaces and then only waits; it dies with the test if the test dies.
 TestHost::TestHost() {
@@ -117,14 +139,20 @@ std::string whyHostsCannotBeMade() {
   return "";
 }
 
-// The link is made inside a with its far end put straight into b, so no interface ever shows in
-// the machine's own namespace and concurrent tests cannot clash over names.
-bool joinHosts(const TestHost& a, const std::string& addressA, const TestHost& b, const std::string& addressB) {
-  const std::string peer = std::to_string(b.keeper());
-  return a.run({kIpCommand, "link", "add", "olm0", "type", "veth", "peer", "name", "olm1", "netns", peer}) == 0 &&
-         a.run({kIpCommand, "address", "add", addressA + "/24", "dev", "olm0"}) == 0 &&
-         b.run({kIpCommand, "address", "add", addressB + "/24", "dev", "olm1"}) == 0 &&
-         a.run({kIpCommand, "link", "set", "olm0", "up"}) == 0 && b.run({kIpCommand, "link", "set", "olm1", "up"}) == 0;
+bool makeSwitch(const TestHost& switchHost) {
+  return switchHost.run({kIpCommand, "link", "add", kSwitchName, "type", "bridge"}) == 0 &&
+         switchHost.run({kIpCommand, "link", "set", kSwitchName, "up"}) == 0;
+}
+
+// The link is made inside the host with its far end put straight into the switch, so no interface
+// ever shows in the machine's own namespace and concurrent tests cannot clash over names.
+bool plugIn(const TestHost& switchHost, const TestHost& host, const std::string& address, const std::string& port) {
+  const std::string switchKeeper = std::to_string(switchHost.keeper());
+  return host.run({kIpCommand, "link", "add", kLinkName, "type", "veth", "peer", "name", port, "netns", switchKeeper}) == 0 &&
+         host.run({kIpCommand, "address", "add", address + "/24", "dev", kLinkName}) == 0 &&
+         host.run({kIpCommand, "link", "set", kLinkName, "up"}) == 0 &&
+         switchHost.run({kIpCommand, "link", "set", "dev", port, "master", kSwitchName}) == 0 &&
+         switchHost.run({kIpCommand, "link", "set", "dev", port, "up"}) == 0;
 }
 
 }  // namespace OlmTest

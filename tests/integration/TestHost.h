@@ -6,10 +6,29 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace OlmTest {
+
+// One way between two processes of a test, made before the fork: values sent by one, waited for by
+// the other.
+class Signal {
+ public:
+  Signal();
+  ~Signal();
+  Signal(const Signal&) = delete;
+  Signal& operator=(const Signal&) = delete;
+
+  void send(uint64_t value = 1);
+  // The next value sent, or 0 when none came within timeout.
+  uint64_t wait(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+ private:
+  int m_fds[2] = {-1, -1};
+};
 
 class TestHost {
  public:
@@ -33,7 +52,11 @@ class TestHost {
 // Empty when hosts can be made here; else why not (not root, no namespaces, no ip command).
 std::string whyHostsCannotBeMade();
 
-// A virtual Ethernet link between a and b, with addressA/addressB (IPv4, prefix 24) and both ends up.
-bool joinHosts(const TestHost& a, const std::string& addressA, const TestHost& b, const std::string& addressB);
+// Hosts on one Ethernet segment: the switch is a host of its own holding a bridge device, and
+// plugIn gives host a virtual Ethernet link (kLinkName on its side, with address, IPv4, prefix 24)
+// whose far end, port, is attached to the switch's bridge.
+constexpr char kLinkName[] = "olm0";
+bool makeSwitch(const TestHost& switchHost);
+bool plugIn(const TestHost& switchHost, const TestHost& host, const std::string& address, const std::string& port);
 
 }  // namespace OlmTest

@@ -22,6 +22,11 @@
 #   filter_miss_over_noop_log    one traced operation with the message filter log in mode 2 and the
 #                                message's id not listed, over the same with a filter log that does
 #                                nothing (target: close to 1 or below)
+#   xhost_rtt_p50_over_bare_zmq  round trip p50 of 64-byte messages between nodes on two hosts
+#                                through the bridges over TCP on loopback, over a bare libzmq ROUTER
+#                                pair's, each pair's two sides on CPUs 0 and 1 (target <= 1.3)
+#   xhost_stream_over_bare_zmq   one-way messages per second between the same nodes over the bare
+#                                pair's, both with the receiver granting credit (target >= 0.5)
 # Figures are medians of repetitions. Usage: bench/ratios.sh [build dir]   (default build/native;
 # build it as RelWithDebInfo or Release).
 set -euo pipefail
@@ -55,6 +60,7 @@ run apart-spinning apart NodePingPong_benchmark 'NodeRoundTrip'
 run same same TimerLateness_benchmark '.'
 run same same HistoryLog_benchmark '.'
 run same same MsgFilterLog_benchmark 'BM_FilterLog/'
+run xhost apart CrossHost_benchmark '.'
 
 value() { awk -v p="$1" -v b="$2" -v k="$3" '$1 == p && ($2 == b || index($2, b "/") == 1) && $3 == k { print $4; exit }' "$results"; }
 ratio() {
@@ -84,3 +90,6 @@ ratio printed_over_traced "$(value apart BM_LocalPingPong/ReplyTracedToHistory i
   "$(value apart BM_LocalPingPong/ReplyTracedToPrint items_per_second)"
 ratio filter_miss_over_noop_log "$(value same BM_FilterLog/NoOpLog items_per_second)" \
   "$(value same BM_FilterLog/NotListed items_per_second)"
+ratio xhost_rtt_p50_over_bare_zmq "$(value xhost BM_CrossHostRoundTrip p50_us)" "$(value xhost BM_BareZmqRoundTrip p50_us)"
+ratio xhost_stream_over_bare_zmq "$(value xhost BM_CrossHostStream one_way_msgs_per_s)" \
+  "$(value xhost BM_BareZmqStream one_way_msgs_per_s)"

@@ -15,6 +15,9 @@
 //     (BridgeInbound) and written into the receiver's mailbox through the bridge's own lane, so
 //     the receiving node's empty poll stays free of system calls and its wait wakes as for any
 //     local sender. The lists of running nodes feed RemoteNodes, which senders read.
+// Beside each message goes the node id its sending process serves (WireEnvelope), the only node
+// the receiving side lets that host speak as. With keys in the map the links use CURVE, and only
+// hosts holding a key of the map get in (BridgeCurve).
 #pragma once
 
 #include <cstdint>
@@ -32,8 +35,8 @@ struct BridgeSettings {
 
 // The map RHYDDAL_NODE_MAP names, for a node serving ownNid. Returns 0 with settings->map null
 // when the variable is unset or empty; 0 with the map and this host; -EINVAL after lines on stderr
-// when the map does not parse, does not place ownNid, or has keys (encrypted links are not built
-// yet).
+// when the map does not parse, does not place ownNid, or has keys that are incomplete or not this
+// host's (curveKeysProblem).
 int nodeMapFromEnvironment(uint16_t ownNid, BridgeSettings* settings);
 
 // Starts this process's candidate thread; later calls do nothing.

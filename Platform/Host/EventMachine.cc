@@ -26,6 +26,9 @@ constexpr uint32_t kLoopbackRouteKind = 1;
 constexpr uint32_t kMaxNid = 0xFFFF;
 constexpr uint32_t kHandleTag = 0x00010000;  // keeps the transport handle non-zero for node 0
 constexpr int kTimedOut = 1;
+// With a map, the process may run the host's bridge, whose threads a spinning node would keep off
+// its CPU at every hop of a message to or from another host: it gives way at every check.
+constexpr uint32_t kSpinYieldEveryBesideBridge = 1;
 // A new bridge settles within a second (Bridge.cc, kSettleNs) of winning its election.
 constexpr uint64_t kBridgeSettleWaitNs = uint64_t{1500} * 1000 * 1000;
 constexpr uint64_t kBridgeSettlePollNs = 2 * 1000 * 1000;
@@ -234,7 +237,7 @@ int EventMachine::waitForEvent(uint32_t seconds, uint32_t nanoseconds) {
     return kTimedOut;
   }
   const uint64_t spinNs = lastWaitEndedWithRecord_.load(std::memory_order_relaxed) ? settings_.spinNs : 0;
-  bool record = own->waitForRecord(seconds, nanoseconds, spinNs);
+  bool record = own->waitForRecord(seconds, nanoseconds, spinNs, bridge_.map != nullptr ? kSpinYieldEveryBesideBridge : kSpinYieldEvery);
   if (!record) {
     ProcessLockGuard guard(lock_);
     own->collectAllLanes();

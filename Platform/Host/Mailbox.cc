@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -378,7 +379,7 @@ bool Mailbox::mayHaveRecords() const {
 
 // The sequence is read before waiterAsleep is set and the summary re-checked; a send that lands
 // after the re-check changes the sequence, so the futex wait returns at once instead of sleeping.
-bool Mailbox::waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs) {
+bool Mailbox::waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs, uint32_t yieldEvery) {
   if (mayHaveRecords()) return true;
   const bool limited = seconds != kNoTimeLimit;
   // The clock is read only when something depends on it: an unlimited wait without spinning
@@ -390,6 +391,9 @@ bool Mailbox::waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spi
     for (uint64_t checks = 1;; ++checks) {
       if (mayHaveRecords()) return true;
       if (checks % kSpinCheckEvery == 0 && (reached(spinUntil) || (limited && reached(deadline)))) break;
+      // A thread sharing this CPU (the host's bridge in this process, a peer pinned beside it)
+      // gets its turn now rather than when the spin ends; with none, this returns at once.
+      if (checks % yieldEvery == 0) sched_yield();
 #if defined(__x86_64__) || defined(__i386__)
       __builtin_ia32_pause();
 #elif defined(__aarch64__) || defined(__arm__)

@@ -24,6 +24,8 @@ namespace rhyddal {
 
 class MessagePool;
 
+constexpr uint32_t kSpinYieldEvery = 64;
+
 // The header's node id of the bridge's mailbox: above every 16-bit node id.
 constexpr uint32_t kBridgeMailboxId = 0x10000;
 
@@ -85,7 +87,8 @@ class Mailbox {
   bool mayHaveRecords() const;
   // Spins up to spinNs (never past the deadline), then sleeps until a record may be waiting or the
   // time has passed (seconds kNoTimeLimit: no limit). True when a record may be waiting.
-  bool waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs);
+  // While spinning, every yieldEvery empty checks the CPU goes to any other thread waiting for it.
+  bool waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs, uint32_t yieldEvery = kSpinYieldEvery);
 
   // Fill level, read by anyone (the queue table). Never skewed by a sender that died mid-send.
   struct FillLevel {

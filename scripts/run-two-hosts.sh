@@ -122,7 +122,7 @@ OLM_BROKER_SERVER_VERBOSE=${OLM_BROKER_SERVER_VERBOSE:-0} "$run_dir/on-a" "$exe"
   > >(tee "$master_log" | sed -u "s/^/A $master | /") 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do
-  grep -q "serving the system zone" "$master_log" && break
+  grep -qs "serving the system zone" "$master_log" && break
   sleep 0.1
 done
 start_node a 0x101D - --load-local "$log_eu"

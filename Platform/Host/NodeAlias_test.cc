@@ -105,6 +105,10 @@ TEST(NodeAlias, ARealNodeAtTheAliasTakesItsIdBackAndTheAliasCanBeTakenAgainAfter
     EXPECT_EQ(node.nextReceiver(), target) << "the alias's target gets nothing more";
     EXPECT_EQ(real.wait(), 0);
   }
+  if (!::rhyddal::testing::deadLockOwnersAreDetected()) {
+    EXPECT_EQ(node.stop(), 0);
+    GTEST_SKIP() << "no robust futex lists here: the real node looks alive after it has gone";
+  }
   EXPECT_EQ(sendTo(alias), -EHOSTUNREACH) << "a revoked alias stays revoked when the real node goes";
   EXPECT_EQ(node.stop(), 0);
   AliasTarget again(testNid(), alias);

@@ -2,12 +2,14 @@
 # Builds the runtime and starts a small system on two hosts made on this machine: host A and host B,
 # each a network namespace with a /dev/shm of its own, joined by a virtual Ethernet link
 # (10.87.0.1 and 10.87.0.2), with one node map placing node ids 0x1000-0x1fff on A and
-# 0x2000-0x2fff on B. Host A runs the master node 0x10F0 with the broker server and the R&D master,
-# and node 0x1011; host B node 0x2011. Both run the example PingEu and NewsEu libraries: they ping
-# each other across the link every second, and publish their news through the broker server on A;
-# 0x101D and 0x201D collect the system log lines of their hosts' nodes. Ctrl-C stops everything
-# and removes the hosts. Needs root (namespaces, links). While it runs,
-#   <run dir>/on-a build/native/Tools/Olmctl/olmctl rad get 0x2011 50
+# 0x2000-0x2fff on B. Host A runs the controller (olm-controller: node 0x10F0 with the broker
+# server, the R&D master and the system log collector) and node 0x1011; host B the agent of its
+# host (olm-controller --agent, node 0x20F0), which passes its nodes' log lines on to the
+# controller, and node 0x2011. 0x1011 and 0x2011 run the example PingEu and NewsEu libraries: they
+# ping each other across the link every second, and publish their news through the broker server
+# on A. Ctrl-C stops everything and removes the hosts. Needs root (namespaces, links). While it
+# runs,
+#   <run dir>/on-a build/native/Tools/Olmctl/olmctl nodes
 # runs olmctl on host A (the script prints the run directory); on host B olmctl needs a node id of
 # B's, --nid 0x2ff0.
 # Usage: sudo scripts/run-two-hosts.sh [--keys]   (--keys: CURVE links, a key pair per host)
@@ -30,9 +32,7 @@ build_dir="$root/build/native"
 exe="$build_dir/Realtime/Executable/OLMLiteExe"
 ping_eu="$build_dir/examples/PingEu/libPingEu.so"
 news_eu="$build_dir/examples/NewsEu/libNewsEu.so"
-log_eu="$build_dir/examples/SysLogPrinterEu/libSysLogPrinterEu.so"
-server_eu="$build_dir/EuLibraries/BrokerServer/libBrokerServer.so"
-rad_master_eu="$build_dir/EuLibraries/RadMaster/libRadMaster.so"
+controller="$build_dir/Tools/Controller/olm-controller"
 keygen="$build_dir/Platform/Host/rhyddal-keygen"
 master=0x10F0
 address_a=10.87.0.1
@@ -114,22 +114,30 @@ start_node() {
   pids+=($!)
 }
 
-# The master first: the broker server and the R&D master learn of nodes on other hosts only when
-# these announce themselves, as they start.
-master_log="$run_dir/master.log"
-OLM_BROKER_SERVER_VERBOSE=${OLM_BROKER_SERVER_VERBOSE:-0} "$run_dir/on-a" "$exe" --nid $master --masternid $master \
-  --wait 1000 --load-local "$server_eu" --load-local "$rad_master_eu" \
-  > >(tee "$master_log" | sed -u "s/^/A $master | /") 2>&1 &
-pids+=($!)
-for _ in $(seq 100); do
-  grep -qs "serving the system zone" "$master_log" && break
-  sleep 0.1
-done
-start_node a 0x101D - --load-local "$log_eu"
-start_node b 0x201D - --load-local "$log_eu"
+# run_in <host> <name> <log file> <command...>: a program on that host, its lines marked.
+run_in() {
+  local host=$1 name=$2 log=$3
+  shift 3
+  "$run_dir/on-$host" "$@" > >(tee "$log" | sed -u "s/^/${host^^} $name | /") 2>&1 &
+  pids+=($!)
+}
+
+wait_for_line() {
+  for _ in $(seq 100); do
+    grep -qs "$2" "$1" && return 0
+    sleep 0.1
+  done
+}
+
+# The controller first: the broker server and the R&D master learn of nodes on other hosts only
+# when these announce themselves, as they start.
+run_in a controller "$run_dir/controller.log" "$controller" --nid $master
+wait_for_line "$run_dir/controller.log" "serving the system zone"
+run_in b agent "$run_dir/agent.log" "$controller" --agent --nid 0x20F0 --master $master
+wait_for_line "$run_dir/agent.log" "for the controller"
 start_node a 0x1011 0x2011 --load-local "$ping_eu" --load-local "$news_eu"
 start_node b 0x2011 0x1011 --load-local "$ping_eu" --load-local "$news_eu"
-echo "Host A ($address_a) runs 0x10F0, 0x1011 and 0x101D, host B ($address_b) 0x2011 and 0x201D; 0x1011 and"
-echo "0x2011 ping each other across the link. $run_dir/on-a runs a program on host A (on-b on B)."
-echo "Ctrl-C stops them."
+echo "Host A ($address_a) runs the controller 0x10F0 and node 0x1011, host B ($address_b) its agent 0x20F0"
+echo "and node 0x2011; 0x1011 and 0x2011 ping each other across the link. $run_dir/on-a runs a"
+echo "program on host A (on-b on B). Ctrl-C stops them."
 wait "${pids[@]}"

@@ -89,7 +89,12 @@ bool SysLogCollector::Follower::wants(uint16_t nid) const {
 }
 
 void SysLogCollector::start() {
-  report("collecting the system log on node 0x%04x%s", AaSysComGetOwnNid(), m_hooks.quiet ? " (quiet)" : "");
+  if (m_hooks.relayTo != 0) {
+    report("collecting the system log of this host on node 0x%04x for the controller, node 0x%04x",
+           AaSysComGetOwnNid(), m_hooks.relayTo);
+  } else {
+    report("collecting the system log on node 0x%04x%s", AaSysComGetOwnNid(), m_hooks.quiet ? " (quiet)" : "");
+  }
   rescan();
   void* tick = AaSysComMsgCreate(kRescanMsgId, 0, ownAddress());
   if (tick == nullptr) return;
@@ -142,7 +147,14 @@ void SysLogCollector::rescan() {
   }
   std::sort(nodes.begin(), nodes.end());
   nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
-  noteNodes(nodes);
+  std::vector<uint16_t> everyNode = nodes;
+  std::vector<uint16_t> remote;
+  if (m_hooks.remoteNodes && m_hooks.remoteNodes(remote)) {
+    everyNode.insert(everyNode.end(), remote.begin(), remote.end());
+    std::sort(everyNode.begin(), everyNode.end());
+    everyNode.erase(std::unique(everyNode.begin(), everyNode.end()), everyNode.end());
+  }
+  noteNodes(everyNode);
   takeAliases(nodes);
 }
 
@@ -190,6 +202,7 @@ void SysLogCollector::takeAliases(const std::vector<uint16_t>& nodes) {
 // Lines and followers
 
 void SysLogCollector::collect(const void* msg) {
+  if (m_hooks.relayTo != 0) relay(msg);
   const uint16_t nid = AaSysComSicadGetNid(AaSysComMsgGetSender(msg));
   const std::string text = textOf(payloadOf(msg));
   const LteStamp stamp = lteNow();
@@ -206,6 +219,27 @@ void SysLogCollector::collect(const void* msg) {
     }
   }
   forward(SYSLOG_FOLLOW_KIND_LINE, nid, stamp, text);
+}
+
+// A copy goes, so that the received line is freed as every other message is. A controller that
+// cannot take it loses the line: waiting would hold up every node of this host.
+void SysLogCollector::relay(const void* msg) {
+  const Payload payload = payloadOf(msg);
+  void* copy = AaSysComMsgCreate(SYSLOG_LINE_MSG, static_cast<TAaSysComMsgSize>(payload.size),
+                                 AaSysComSicadGet(SYSLOG_COLLECTOR_CPID, m_hooks.relayTo));
+  if (copy == nullptr) return;
+  if (payload.size != 0) std::memcpy(AaSysComMsgGetPayload(copy), payload.bytes, payload.size);
+  AaSysComMsgSetSender(copy, AaSysComMsgGetSender(msg));
+  const int rc = m_hooks.transmit(copy);
+  if (rc != 0) AaSysComMsgDestroy(&copy);
+  if (rc == m_relayError) return;
+  m_relayError = rc;
+  if (rc == 0) {
+    report("passing lines on to the controller, node 0x%04x, again", m_hooks.relayTo);
+  } else {
+    report("cannot pass lines on to the controller, node 0x%04x: %s; they are lost until it can take them",
+           m_hooks.relayTo, dropReason(rc));
+  }
 }
 
 // Words are read in the message's own order: a request reaches here converted by the Dispatcher,

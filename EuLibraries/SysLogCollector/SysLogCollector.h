@@ -3,8 +3,12 @@
 // prints nodes appearing and going, and passes copies to followers (SysLogFollow.h).
 //
 // Nodes send their lines to the node id ending in D of their group. Every second the collector
-// reads which nodes run and takes the alias of the collector id of each group that has no node
-// there (rhyddal_host_alias), so those lines reach it while nothing in the nodes changes.
+// reads which nodes run on its host and takes the alias of the collector id of each group that has
+// no node there (rhyddal_host_alias), so those lines reach it while nothing in the nodes changes.
+//
+// A system across hosts has one collector per host: the controller's, and an agent on every other
+// host that takes the aliases of its own host's groups and passes each line on to the controller's
+// collector, with the sending node's address, as if the node had sent it there itself.
 //
 // What it needs from outside comes through Hooks, so that tests give their own.
 #pragma once
@@ -30,8 +34,13 @@ class SysLogCollector : public Olm::IAaSysDispatcherSicHandler {
     std::function<int(void* msg)> transmit;
     // One line of output, without its line feed.
     std::function<void(const std::string& line)> print;
+    // The nodes on other hosts, reported appearing and going like this host's (never aliased:
+    // their lines come from their hosts' agents); empty where nobody asks.
+    std::function<bool(std::vector<uint16_t>& nodes)> remoteNodes;
     // Quiet: the lines are not printed (followers still get them).
     bool quiet = false;
+    // An agent's controller node: every line collected here goes on to its collector. 0: none.
+    uint16_t relayTo = 0;
   };
 
   explicit SysLogCollector(Hooks hooks);
@@ -60,6 +69,7 @@ class SysLogCollector : public Olm::IAaSysDispatcherSicHandler {
   void noteNodes(const std::vector<uint16_t>& nodes);
   void takeAliases(const std::vector<uint16_t>& nodes);
   void collect(const void* msg);
+  void relay(const void* msg);
   void follow(const void* msg);
   void cancel(uint32_t address);
   std::vector<Follower>::iterator findFollower(uint32_t address);
@@ -75,4 +85,5 @@ class SysLogCollector : public Olm::IAaSysDispatcherSicHandler {
   std::map<uint16_t, GroupState> m_groups;  // by the group's collector node id
   std::vector<Follower> m_followers;
   bool m_tableUnreadableReported = false;
+  int m_relayError = 0;  // of the last line passed on; reported when it changes
 };

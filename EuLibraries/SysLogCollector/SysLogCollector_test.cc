@@ -331,6 +331,52 @@ TEST_F(SysLogCollectorTest, AnUnreadableNodeTableIsReportedOnce) {
   EXPECT_TRUE(m_aliasesAsked.empty());
 }
 
+TEST_F(SysLogCollectorTest, NodesOfOtherHostsAreReportedButTheirCollectorIdsAreNotTaken) {
+  SysLogCollector::Hooks withRemote = hooks();
+  withRemote.remoteNodes = [](std::vector<uint16_t>& nodes) {
+    nodes = {0x2011, kNode};  // one listed twice: the table changed between the two reads
+    return true;
+  };
+  SysLogCollector controller(withRemote);
+  m_live = {kNode};
+  controller.start();
+  EXPECT_TRUE(printed("log collector: node 0x2011 appeared"));
+  EXPECT_EQ(printedContaining("node 0x1011 appeared"), 1u);
+  EXPECT_EQ(m_aliasesAsked, (std::vector<uint16_t>{0x101D})) << "another host's agent collects group 0x2010";
+}
+
+TEST_F(SysLogCollectorTest, AnAgentPassesEveryLineOnToItsControllerAsFromTheNodeAndSaysWhenItCannot) {
+  constexpr uint16_t kController = 0x30F0;
+  constexpr uint32_t kControllerCollector = uint32_t{kController} << 16 | SYSLOG_COLLECTOR_CPID;
+  SysLogCollector::Hooks relaying = hooks();
+  relaying.relayTo = kController;
+  relaying.quiet = true;
+  SysLogCollector agent(relaying);
+  const auto lineToAgent = [&](const std::string& text) {
+    void* msg = message(SYSLOG_LINE_MSG, logSender(kNode), text.c_str(), static_cast<uint32_t>(text.size() + 1));
+    agent.ProcessMessage(msg);
+    EXPECT_EQ(msg, nullptr);
+  };
+  lineToAgent("first");
+  ASSERT_EQ(runtime.sent().size(), 1u);
+  const void* passed = runtime.sent()[0];
+  EXPECT_EQ(AaSysComMsgGetId(passed), SYSLOG_LINE_MSG);
+  EXPECT_EQ(AaSysComMsgGetReceiver(passed), kControllerCollector);
+  EXPECT_EQ(AaSysComMsgGetSender(passed), logSender(kNode)) << "the controller sees the line as the node's";
+  ASSERT_EQ(AaSysComMsgGetPayloadSize(passed), 6u);
+  EXPECT_STREQ(static_cast<const char*>(AaSysComMsgGetPayload(passed)), "first");
+  EXPECT_EQ(printedContaining("first"), 0u) << "the controller prints the lines, not the agent";
+
+  m_sendRefusals[kControllerCollector] = -EHOSTUNREACH;
+  lineToAgent("lost");
+  lineToAgent("lost too");
+  EXPECT_EQ(printedContaining("cannot pass lines on to the controller, node 0x30f0: it has gone"), 1u);
+  m_sendRefusals.clear();
+  lineToAgent("last");
+  EXPECT_EQ(printedContaining("passing lines on to the controller, node 0x30f0, again"), 1u);
+  EXPECT_EQ(runtime.sent().size(), 2u);
+}
+
 TEST_F(SysLogCollectorTest, OtherMessagesAreDroppedWithALine) {
   deliver(message(0x1234, kFollowerA, nullptr, 0));
   EXPECT_TRUE(printed("log collector: dropped message 0x1234 from 0x1ff00777: neither a log line nor a follow request"));

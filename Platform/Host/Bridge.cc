@@ -30,7 +30,6 @@
 namespace rhyddal {
 namespace {
 
-constexpr char kNodeMapVariable[] = "RHYDDAL_NODE_MAP";
 // The outbound thread copies each record out of its lane into one of these buffers and gives it
 // back as soon as ZeroMQ has taken the bytes: a few buffers in use at any time.
 constexpr uint64_t kBridgePoolBytes = uint64_t{8} << 20;
@@ -216,25 +215,32 @@ class Bridge {
     }
   }
 
-  // Node ids with a live alias here are announced as running: the bridge delivers to the alias.
+  // Node ids with a live alias here are announced too, after the nodes: the bridge delivers to the
+  // alias, and the other hosts tell them apart from nodes.
   void announceRunningNodes(MailboxDirectory& localNodes) {
     std::vector<uint8_t> body;
-    std::vector<uint16_t> reachable = listMailboxNids();
-    const std::vector<uint16_t> aliases = listAliasNids();
-    reachable.insert(reachable.end(), aliases.begin(), aliases.end());
-    for (const uint16_t nid : reachable) {
-      int error = 0;
-      if (map_.hostOf(nid) != own_ || localNodes.find(nid, &error) == nullptr) continue;
-      body.push_back(static_cast<uint8_t>(nid));
-      body.push_back(static_cast<uint8_t>(nid >> 8));
-    }
-    const WireEnvelope envelope = wireEnvelope(WireTag::kLiveNodes, 0);
+    appendReachable(localNodes, listMailboxNids(), body);
+    const uint16_t aliases = appendReachable(localNodes, listAliasNids(), body);
+    const WireEnvelope envelope = wireEnvelope(WireTag::kLiveNodes, aliases);
     for (size_t host = 0; host < map_.hosts().size(); ++host) {
       if (host == own_) continue;
       const std::string& peer = endpointOf(static_cast<uint8_t>(host));
       const Frame frames[] = {{peer.data(), peer.size()}, {&envelope, sizeof(envelope)}, {body.data(), body.size()}};
       sendFrames(outbound_, frames, 3, ZMQ_DONTWAIT);  // a host not connected hears the next one
     }
+  }
+
+  // The node ids of this host that a delivery finds, two bytes each; how many.
+  uint16_t appendReachable(MailboxDirectory& localNodes, const std::vector<uint16_t>& nids, std::vector<uint8_t>& body) {
+    uint16_t appended = 0;
+    for (const uint16_t nid : nids) {
+      int error = 0;
+      if (map_.hostOf(nid) != own_ || localNodes.find(nid, &error) == nullptr) continue;
+      body.push_back(static_cast<uint8_t>(nid));
+      body.push_back(static_cast<uint8_t>(nid >> 8));
+      ++appended;
+    }
+    return appended;
   }
 
   [[noreturn]] void runInbound() {

@@ -37,6 +37,9 @@ struct BridgeSettings {
 // when the variable is unset or empty; 0 with the map and this host; -EINVAL after lines on stderr
 // when the map does not parse, does not place ownNid, or has keys that are incomplete or not this
 // host's (curveKeysProblem).
+// The setting naming the node map file.
+inline constexpr char kNodeMapVariable[] = "RHYDDAL_NODE_MAP";
+
 int nodeMapFromEnvironment(uint16_t ownNid, BridgeSettings* settings);
 
 // Starts this process's candidate thread; later calls do nothing.

@@ -65,7 +65,7 @@ void BridgeInbound::handle(const Frame* frames, size_t count, const char* peerKe
   } else if (envelope.tag == static_cast<uint8_t>(WireTag::kMessage)) {
     handleMessage(peer, originOf(envelope), frames[2], nowNs);
   } else if (envelope.tag == static_cast<uint8_t>(WireTag::kLiveNodes)) {
-    handleLiveNodes(peer, frames[2], nowNs);
+    handleLiveNodes(peer, frames[2], originOf(envelope), nowNs);
   } else {
     dropped_.report(nowNs, "bridge dropped a message of unknown kind %u from %s", static_cast<unsigned>(envelope.tag),
                     map_.hosts()[peer].endpoint.c_str());
@@ -124,23 +124,29 @@ void BridgeInbound::markSpeaking(uint8_t peer, uint16_t origin) {
 
 // Bits of nodes that are new are set before those of nodes that have gone are cleared, so a node
 // running all along never reads unreachable in between.
-void BridgeInbound::handleLiveNodes(uint8_t peer, const Frame& body, uint64_t nowNs) {
+void BridgeInbound::handleLiveNodes(uint8_t peer, const Frame& body, uint16_t aliases, uint64_t nowNs) {
   const auto* bytes = static_cast<const uint8_t*>(body.data);
   std::vector<uint16_t> live(body.size / kNidBytes);
   for (size_t i = 0; i < live.size(); ++i) live[i] = static_cast<uint16_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
   const bool allThePeers =
       std::all_of(live.begin(), live.end(), [&](uint16_t nid) { return map_.hostOf(nid) == peer; });
-  if (body.size % kNidBytes != 0 || !allThePeers) {
+  if (body.size % kNidBytes != 0 || !allThePeers || aliases > live.size()) {
     dropped_.report(nowNs, "bridge dropped a list of running nodes from %s that is not a list of its own node ids",
                     map_.hosts()[peer].endpoint.c_str());
     return;
   }
+  // An id listed both ways is a node: a node started at an alias's id takes it over.
+  const size_t nodes = live.size() - aliases;
+  for (size_t i = 0; i < live.size(); ++i) {
+    if (i >= nodes) remote_.setAlias(live[i], true);
+  }
+  for (size_t i = 0; i < nodes; ++i) remote_.setAlias(live[i], false);
   std::sort(live.begin(), live.end());
   live.erase(std::unique(live.begin(), live.end()), live.end());
   Peer& known = peers_[peer];
   for (const uint16_t nid : live) remote_.set(nid, true);
   for (const uint16_t nid : known.live) {
-    if (!std::binary_search(live.begin(), live.end(), nid)) remote_.set(nid, false);
+    if (!std::binary_search(live.begin(), live.end(), nid)) forgetNode(nid);
   }
   if (!known.heard) {
     std::fprintf(stderr, "rhyddal: bridge: %s reached, %zu nodes running there\n", map_.hosts()[peer].endpoint.c_str(),
@@ -151,9 +157,14 @@ void BridgeInbound::handleLiveNodes(uint8_t peer, const Frame& body, uint64_t no
   known.lastHeardNs = nowNs;
 }
 
+void BridgeInbound::forgetNode(uint16_t nid) {
+  remote_.set(nid, false);
+  remote_.setAlias(nid, false);
+}
+
 void BridgeInbound::forget(uint8_t peer) {
   Peer& known = peers_[peer];
-  for (const uint16_t nid : known.live) remote_.set(nid, false);
+  for (const uint16_t nid : known.live) forgetNode(nid);
   known = Peer{};
 }
 

@@ -61,8 +61,9 @@ class BridgeInbound {
   uint8_t peerOf(const Frame& routingId) const;
   void handleMessage(uint8_t peer, uint16_t origin, const Frame& message, uint64_t nowNs);
   void markSpeaking(uint8_t peer, uint16_t origin);
-  void handleLiveNodes(uint8_t peer, const Frame& body, uint64_t nowNs);
+  void handleLiveNodes(uint8_t peer, const Frame& body, uint16_t aliases, uint64_t nowNs);
   void forget(uint8_t peer);
+  void forgetNode(uint16_t nid);
 
   const NodeMap& map_;
   const uint8_t ownHost_;

@@ -55,15 +55,16 @@ class Inbound {
     inbound_.handle(frames, 3, peerKey, 0);
     return delivered_.size() == before + 1 && delivered_.back().origin == origin;
   }
-  // A list of running nodes from peerEndpoint.
-  void announce(const std::string& peerEndpoint, const std::vector<uint16_t>& nids) {
-    const WireEnvelope envelope = wireEnvelope(WireTag::kLiveNodes, 0);
+  // A list of running nodes from peerEndpoint, the last aliases of them aliases.
+  void announce(const std::string& peerEndpoint, const std::vector<uint16_t>& nids, uint16_t aliases = 0) {
+    const WireEnvelope envelope = wireEnvelope(WireTag::kLiveNodes, aliases);
     const Frame frames[] = {{peerEndpoint.data(), peerEndpoint.size()},
                             {&envelope, sizeof(envelope)},
                             {nids.data(), nids.size() * sizeof(uint16_t)}};
     inbound_.handle(frames, 3, nullptr, 0);
   }
   bool reachable(uint16_t nid) const { return remote_.reachable(nid); }
+  bool isAlias(uint16_t nid) const { return remote_.isAlias(nid); }
 
  private:
   struct Delivery {
@@ -102,6 +103,26 @@ TEST(BridgeInbound, ANodeThatSpeaksIsReachableUntilItsHostsListLeavesItOut) {
   EXPECT_TRUE(plain.reachable(kListed));
   EXPECT_FALSE(plain.delivers(kEndpointB, kNidC, kNidC, nullptr));
   EXPECT_FALSE(plain.reachable(kNidC)) << "B speaking as a node of C makes it no more reachable";
+}
+
+// Aliases are reachable like nodes and told apart from them; an id that turns from alias to node
+// (a node started there) or goes is no alias any more; a count beyond the list drops the list.
+TEST(BridgeInbound, AliasesEndTheListAndAreKnownAsSuch) {
+  constexpr uint16_t kNode = 0x2011, kAlias = 0x201D;
+  Inbound plain(false);
+  plain.announce(kEndpointB, {kNode, kAlias}, 1);
+  EXPECT_TRUE(plain.reachable(kAlias));
+  EXPECT_TRUE(plain.isAlias(kAlias));
+  EXPECT_FALSE(plain.isAlias(kNode));
+  plain.announce(kEndpointB, {kNode, kAlias}, 0);
+  EXPECT_FALSE(plain.isAlias(kAlias)) << "a node runs at the id now";
+  plain.announce(kEndpointB, {kNode, kAlias}, 1);
+  plain.announce(kEndpointB, {kNode});
+  EXPECT_FALSE(plain.reachable(kAlias));
+  EXPECT_FALSE(plain.isAlias(kAlias));
+  plain.announce(kEndpointB, {kAlias}, 2);
+  EXPECT_FALSE(plain.reachable(kAlias)) << "more aliases than ids: not a list";
+  EXPECT_TRUE(plain.reachable(kNode)) << "the last good list holds";
 }
 
 // With keys, the connection's key must be the one of the host the peer calls itself.

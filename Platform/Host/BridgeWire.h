@@ -3,9 +3,10 @@
 //   - a WireEnvelope: the protocol version, what the message is, and for a SysCom message the node
 //     id speaking (the node the sending process serves, whatever the header's sender says);
 //   - the body: for kMessage a SysCom message, its bytes as they are (the header gives receiver,
-//     sender and total length, host order on both sides); for kLiveNodes the sending host's
-//     running node ids, two bytes each, low byte first, sent every kAnnouncePeriodNs to every
-//     other host.
+//     sender and total length, host order on both sides); for kLiveNodes the node ids the sending
+//     host receives for, two bytes each, low byte first, sent every kAnnouncePeriodNs to every
+//     other host: its running nodes, then the aliases its nodes hold (rhyddal_host_alias), whose
+//     number the envelope's origin field holds.
 // A host whose bridge has not been heard for kPeerSilenceNs counts as down.
 #pragma once
 
@@ -25,7 +26,7 @@ enum class WireTag : uint8_t { kLiveNodes = 1, kMessage = 2 };
 struct WireEnvelope {
   uint8_t version;
   uint8_t tag;         // WireTag
-  uint8_t origin[2];   // kMessage: the speaking node id, low byte first; else 0
+  uint8_t origin[2];   // kMessage: the speaking node id; kLiveNodes: how many aliases end the list; low byte first
 };
 
 static_assert(sizeof(WireEnvelope) == 4 && alignof(WireEnvelope) == 1, "envelope layout");

@@ -37,17 +37,36 @@ RemoteNodes::~RemoteNodes() {
   if (mapped_) munmap(words_, kBytes);
 }
 
-void RemoteNodes::set(uint16_t nid, bool reachable) {
+std::vector<uint16_t> RemoteNodes::reachableNids() const {
+  std::vector<uint16_t> nids;
+  for (size_t word = 0; word < kWords; ++word) {
+    uint64_t bits = words_[word].load(std::memory_order_acquire);
+    while (bits != 0) {
+      nids.push_back(static_cast<uint16_t>(word * 64 + static_cast<size_t>(__builtin_ctzll(bits))));
+      bits &= bits - 1;
+    }
+  }
+  return nids;
+}
+
+void RemoteNodes::setBit(size_t firstWord, uint16_t nid, bool value) {
   const uint64_t bit = uint64_t{1} << (nid % 64);
-  if (reachable) {
-    words_[nid / 64].fetch_or(bit, std::memory_order_release);
+  if (value) {
+    words_[firstWord + nid / 64].fetch_or(bit, std::memory_order_release);
   } else {
-    words_[nid / 64].fetch_and(~bit, std::memory_order_release);
+    words_[firstWord + nid / 64].fetch_and(~bit, std::memory_order_release);
   }
 }
 
+void RemoteNodes::set(uint16_t nid, bool reachable) { setBit(0, nid, reachable); }
+
+void RemoteNodes::setAlias(uint16_t nid, bool alias) { setBit(kAliasWords, nid, alias); }
+
 void RemoteNodes::clearAll() {
-  for (size_t i = 0; i < kWords; ++i) words_[i].store(0, std::memory_order_release);
+  for (size_t i = 0; i < kWords; ++i) {
+    words_[i].store(0, std::memory_order_release);
+    words_[kAliasWords + i].store(0, std::memory_order_release);
+  }
 }
 
 }  // namespace rhyddal

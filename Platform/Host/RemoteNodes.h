@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace rhyddal {
 
@@ -21,7 +22,9 @@ class RemoteNodes {
  public:
   static constexpr size_t kWords = 0x10000 / 64;  // the bits
   static constexpr size_t kStateWord = kWords;
-  static constexpr size_t kTotalWords = kWords + 1;
+  // Which of the reachable ids are aliases a node of their host holds, not nodes.
+  static constexpr size_t kAliasWords = kStateWord + 1;
+  static constexpr size_t kTotalWords = kAliasWords + kWords;
   static constexpr size_t kBytes = kTotalWords * sizeof(uint64_t);
 
   enum class BridgeState : uint64_t {
@@ -46,12 +49,21 @@ class RemoteNodes {
   // The bridge's side. Atomic per bit: the bridge's threads set and clear bits of different hosts.
   void set(uint16_t nid, bool reachable);
   void clearAll();
+  // Every reachable node id, ascending.
+  std::vector<uint16_t> reachableNids() const;
+  // Acquire: pairs with the release of setAlias. Set only while reachable(nid) is.
+  bool isAlias(uint16_t nid) const {
+    return (words_[kAliasWords + nid / 64].load(std::memory_order_acquire) >> (nid % 64) & 1) != 0;
+  }
+  void setAlias(uint16_t nid, bool alias);
 
   void setBridgeState(BridgeState state) { words_[kStateWord].store(static_cast<uint64_t>(state), std::memory_order_release); }
   BridgeState bridgeState() const { return static_cast<BridgeState>(words_[kStateWord].load(std::memory_order_acquire)); }
 
  private:
   RemoteNodes(std::atomic<uint64_t>* words, bool mapped) : words_(words), mapped_(mapped) {}
+  // Atomic per bit: the bridge's threads set and clear bits of different hosts.
+  void setBit(size_t firstWord, uint16_t nid, bool value);
   std::atomic<uint64_t>* words_;
   bool mapped_;
 };

@@ -11,13 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "Bridge.h"
 #include "BtsTimeSync.h"
 #include "EventMachine.h"
 #include "HostEnvironment.h"
 #include "Mailbox.h"
 #include "MailboxLayout.h"
+#include "NodeMap.h"
 #include "PhysicalMemory.h"
 #include "RadioClock.h"
+#include "RemoteNodes.h"
 #include "Rhyddal.h"
 #include "RhyddalHost.h"
 #include "RhyddalInternal.h"
@@ -160,6 +163,33 @@ int rhyddal_host_live_nodes(struct rhyddal_host_node* nodes, uint32_t capacity) 
     ++live;
   }
   return static_cast<int>(live);
+}
+
+static_assert(sizeof(rhyddal_host_remote_node::endpoint) > rhyddal::NodeMap::kMaxEndpointLength,
+              "every endpoint the map accepts fits with its terminator");
+
+int rhyddal_host_remote_nodes(struct rhyddal_host_remote_node* nodes, uint32_t capacity) {
+  if ((nodes == nullptr && capacity != 0) || !rhyddal::namespaceUsable()) return -EINVAL;
+  const char* mapPath = std::getenv(rhyddal::kNodeMapVariable);
+  if (mapPath == nullptr || *mapPath == '\0') return 0;
+  rhyddal::NodeMap map;
+  std::vector<std::string> errors;
+  if (!rhyddal::NodeMap::load(mapPath, &map, &errors)) return -EINVAL;
+  std::unique_ptr<rhyddal::RemoteNodes> remote;
+  const int rc = rhyddal::RemoteNodes::open(&remote);
+  if (rc != 0) return rc;
+  uint32_t listed = 0;
+  for (const uint16_t nid : remote->reachableNids()) {
+    const uint8_t host = map.hostOf(nid);
+    if (host == rhyddal::NodeMap::kNoHost || remote->isAlias(nid)) continue;  // no host: a bit left from an earlier map
+    if (listed < capacity) {
+      nodes[listed] = rhyddal_host_remote_node{nid, 0, {}};
+      const std::string& endpoint = map.hosts()[host].endpoint;
+      std::memcpy(nodes[listed].endpoint, endpoint.c_str(), endpoint.size() + 1);
+    }
+    ++listed;
+  }
+  return static_cast<int>(listed);
 }
 
 }  // extern "C"

@@ -9,6 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
 #include <limits>
 #include <string>
 #include <thread>
@@ -18,6 +21,7 @@
 #include "HostTestUtil.h"
 #include "MailboxLayout.h"
 #include "PhysicalMemory.h"
+#include "RemoteNodes.h"
 #include "Rhyddal.h"
 #include "RhyddalHost.h"
 #include "RhyddalInternal.h"
@@ -357,6 +361,39 @@ TEST(HostExtensions, AnInvalidNamespaceIsRefusedAndNothingIsCreated) {
     return errors.find("refusing RHYDDAL_NAMESPACE=\"../etc\"") != std::string::npos ? 0 : 2;
   });
   EXPECT_EQ(process.wait(), 0);
+}
+
+// The nodes of other hosts come from the bits this host's bridge keeps, with their hosts' endpoints
+// from the map; a map that cannot be read is an error, no map no nodes.
+TEST(HostExtensions, RemoteNodesAreListedWithTheirHostsEndpoints) {
+  const std::string mapPath = "/tmp/olm-remote-map-" + std::to_string(getpid());
+  std::ofstream(mapPath) << "0x1000-0x1fff tcp://127.0.0.1:5601\n0x2000-0x2fff ipc:///tmp/host-b\n";
+  std::unique_ptr<RemoteNodes> remote;
+  ASSERT_EQ(RemoteNodes::open(&remote), 0);
+  remote->clearAll();
+  remote->set(0x2011, true);
+  remote->set(0x2fff, true);
+  remote->set(0x3000, true);  // the map places it nowhere: left from an earlier map
+  remote->set(0x201d, true);
+  remote->setAlias(0x201d, true);
+
+  unsetenv("RHYDDAL_NODE_MAP");
+  EXPECT_EQ(rhyddal_host_remote_nodes(nullptr, 0), 0) << "without a map there are no other hosts";
+  setenv("RHYDDAL_NODE_MAP", mapPath.c_str(), 1);
+  rhyddal_host_remote_node nodes[3] = {};
+  ASSERT_EQ(rhyddal_host_remote_nodes(nodes, 1), 2) << "all are counted";
+  EXPECT_EQ(nodes[1].nid, 0) << "nothing is written beyond the capacity";
+  ASSERT_EQ(rhyddal_host_remote_nodes(nodes, 3), 2);
+  EXPECT_EQ(nodes[0].nid, 0x2011);
+  EXPECT_STREQ(nodes[0].endpoint, "ipc:///tmp/host-b");
+  EXPECT_EQ(nodes[1].nid, 0x2fff);
+  EXPECT_EQ(rhyddal_host_remote_nodes(nullptr, 1), -EINVAL);
+
+  std::ofstream(mapPath) << "not a map\n";
+  EXPECT_EQ(rhyddal_host_remote_nodes(nullptr, 0), -EINVAL);
+  unsetenv("RHYDDAL_NODE_MAP");
+  remote->clearAll();
+  std::remove(mapPath.c_str());
 }
 
 }  // namespace

@@ -72,6 +72,23 @@ struct rhyddal_host_node {
  * look at the host call it too. */
 int rhyddal_host_live_nodes(struct rhyddal_host_node* nodes, uint32_t capacity);
 
+/* One node on another host, as rhyddal_host_remote_nodes lists it. */
+struct rhyddal_host_remote_node {
+  uint16_t nid;
+  uint16_t reserved;  /* zero */
+  char endpoint[204]; /* its host's endpoint in the node map, NUL-terminated */
+};
+
+/* The nodes on other hosts that this host's bridge reaches now (they run, and their host has been
+ * heard within the last seconds), in ascending node id order: those a send from this host would
+ * reach; not the ids their nodes hold as aliases. Writes the first capacity of them into nodes (null when capacity is 0) and returns how
+ * many there are, which may exceed capacity. Without a node map (RHYDDAL_NODE_MAP unset) there are
+ * none; before a bridge of this host has heard the others, none or some. Returns -EINVAL for nodes
+ * null with a capacity, for an invalid RHYDDAL_NAMESPACE or for a map that cannot be read or
+ * parsed; another negative errno when the host's table of them cannot be mapped. Needs no
+ * vak_em_server_init. */
+int rhyddal_host_remote_nodes(struct rhyddal_host_remote_node* nodes, uint32_t capacity);
+
 #ifdef __cplusplus
 }
 #endif

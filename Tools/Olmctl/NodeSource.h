@@ -1,5 +1,5 @@
-// Where the tool learns which nodes run. Today that is this host's platform library; nodes on
-// other hosts will come from the node map as a second source beside it.
+// Where the tool learns which nodes run: this host's platform library, and for nodes on other
+// hosts, what this host's bridge has heard from theirs (the node map's hosts).
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace Olmctl {
 struct ListedNode {
   uint16_t nid = 0;
   std::optional<uint32_t> waiting;  // messages sent to it and not yet received, where the source sees them
-  std::string host;                 // empty for this host
+  std::string host;                 // empty for this host, else its endpoint in the node map
 };
 
 class INodeSource {
@@ -28,6 +28,12 @@ class INodeSource {
 // The nodes of this host that the platform library serves (this user's; in RHYDDAL_NAMESPACE
 // when set).
 class HostNodeSource : public INodeSource {
+ public:
+  bool list(std::vector<ListedNode>& nodes, std::string& error) override;
+};
+
+// The nodes on other hosts that this host's bridge reaches now (none without a node map).
+class RemoteNodeSource : public INodeSource {
  public:
   bool list(std::vector<ListedNode>& nodes, std::string& error) override;
 };

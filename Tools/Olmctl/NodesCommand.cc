@@ -1,4 +1,6 @@
 // olmctl nodes: the nodes that run, and whether each answers.
+#include <algorithm>
+
 #include "Commands.h"
 #include "NodeSurvey.h"
 
@@ -11,20 +13,29 @@ constexpr char kUsage[] = "Usage: olmctl nodes\n";
 constexpr char kHelp[] =
     "Usage: olmctl nodes\n"
     "\n"
-    "The nodes that run on this host (this user's), in node id order: each node's id, the\n"
-    "messages sent to it that it has not received yet, and whether its statistics EU answers an\n"
-    "echo within the timeout (all are asked at once). Other tools (node ids 0x1ff0 to 0x1ff7)\n"
-    "are listed as such and not asked; the tool itself is left out.\n"
+    "The nodes that run on this host (this user's) and, with a node map (RHYDDAL_NODE_MAP), on\n"
+    "the other hosts this host's bridge reaches, in node id order: each node's id, its host\n"
+    "(shown once a node of another host is listed: '-' for this\n"
+    "one, else its endpoint in the map), the messages sent to it that it has not\n"
+    "received yet (known for this host's nodes only), and whether its statistics EU answers an\n"
+    "echo within the timeout (all are asked at once). Other tools on this host (node ids 0x1ff0\n"
+    "to 0x1ff7) are listed as such and not asked; the tool itself is left out.\n"
     "\n"
     "Examples:\n"
     "  olmctl nodes\n"
     "  olmctl nodes --timeout 200 --json\n";
 
 std::string table(const std::vector<SurveyedNode>& nodes, uint32_t waitedMs) {
-  Table table({{"NODE", false}, {"WAITING", true}, {"ANSWER", false}});
+  const bool severalHosts = std::any_of(nodes.begin(), nodes.end(),
+                                        [](const SurveyedNode& node) { return !node.listed.host.empty(); });
+  std::vector<Table::Column> columns{{"NODE", false}, {"WAITING", true}, {"ANSWER", false}};
+  if (severalHosts) columns.insert(columns.begin() + 1, Table::Column{"HOST", false});
+  Table table(columns);
   for (const SurveyedNode& node : nodes) {
     const std::string waiting = node.listed.waiting ? std::to_string(*node.listed.waiting) : "-";
-    table.add({nidText(node.listed.nid), waiting, answerText(node, waitedMs)});
+    std::vector<std::string> cells{nidText(node.listed.nid), waiting, answerText(node, waitedMs)};
+    if (severalHosts) cells.insert(cells.begin() + 1, node.listed.host.empty() ? "-" : node.listed.host);
+    table.add(cells);
   }
   return table.text();
 }

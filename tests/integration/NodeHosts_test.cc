@@ -107,6 +107,25 @@ class NodeHosts : public ::testing::Test {
     });
   }
 
+  // A program (olm-controller, olmctl) running on host with the map, while the test watches it.
+  std::unique_ptr<NodeProcess> startProgram(const TestHost& host, const std::vector<std::string>& command,
+                                            const std::vector<std::string>& environment = {}) {
+    std::vector<std::string> variables{"RHYDDAL_NODE_MAP=" + m_map};
+    variables.insert(variables.end(), environment.begin(), environment.end());
+    return std::make_unique<NodeProcess>(NodeProcess::Program{command}, variables, [&host] {
+      if (!host.enter()) _exit(125);
+    });
+  }
+  // olmctl run on host to its end, with the master node kMasterNid.
+  OlmTest::ProgramRun olmctlOn(const TestHost& host, const std::vector<std::string>& args) {
+    std::vector<std::string> command{OLM_TEST_OLMCTL, "--master", hex(kMasterNid)};
+    command.insert(command.end(), args.begin(), args.end());
+    return OlmTest::runProgram(command, [&] {
+      if (!host.enter()) _exit(125);
+      setenv("RHYDDAL_NODE_MAP", m_map.c_str(), 1);
+    });
+  }
+
   // body in a child process that is a process of host; its exit status.
   int inHost(const TestHost& host, const std::function<int()>& body) { return OlmTest::exitStatusOf(startInHost(host, body)); }
   // The same, running on while the test goes on: exitStatusOf(pid) waits for it.
@@ -261,18 +280,10 @@ TEST_F(NodeHosts, OlmctlOnOneHostReadsAndWritesTheParametersOfANodeOnAnotherThro
   ASSERT_TRUE(master->waitUntilPrinted("R&D master: serving on node")) << master->output();
   auto news = startNode(*m_b, 0x2081, {"--masternid", hex(kMasterNid), "--load-local", OLM_TEST_NEWS_EU});
   ASSERT_TRUE(master->waitUntilPrinted("R&D master: node 0x2081 registered domain 50 with 2 parameters")) << master->output();
-  const auto olmctl = [&](const std::vector<std::string>& args) {
-    std::vector<std::string> command{OLM_TEST_OLMCTL, "--master", hex(kMasterNid)};
-    command.insert(command.end(), args.begin(), args.end());
-    return OlmTest::runProgram(command, [&] {
-      if (!m_a->enter()) _exit(125);
-      setenv("RHYDDAL_NODE_MAP", m_map.c_str(), 1);
-    });
-  };
-  const OlmTest::ProgramRun set = olmctl({"rad", "set", "0x2081", "50:0", "500"});
+  const OlmTest::ProgramRun set = olmctlOn(*m_a, {"rad", "set", "0x2081", "50:0", "500"});
   EXPECT_EQ(set.status, 0) << set.err;
   EXPECT_TRUE(news->waitUntilPrinted("NewsPeriodMs set to 500")) << news->output();
-  const OlmTest::ProgramRun get = olmctl({"rad", "get", "0x2081", "50:0"});
+  const OlmTest::ProgramRun get = olmctlOn(*m_a, {"rad", "get", "0x2081", "50:0"});
   EXPECT_EQ(get.status, 0) << get.err;
   EXPECT_EQ(get.out,
             "INDEX   VALUE                    DEFAULT\n"
@@ -287,6 +298,40 @@ TEST_F(NodeHosts, SystemLogLinesReachTheGroupsCollectorOnAnotherHost) {
                            {"OLM_PING_PEER=0x1012", "OLM_PING_PERIOD_MS=20"});
   auto peer = startNode(*m_a, 0x1012, {"--load-local", OlmTest::pingEuPath()}, {"OLM_PING_PEER=0x1011", "OLM_PING_PERIOD_MS=20"});
   EXPECT_TRUE(collector->waitUntilPrinted("PingEu: 10 pongs from node 0x1012")) << collector->output() << logging->output();
+}
+
+// The controller on host C and the agent of host B (olm-controller --agent): the controller sees
+// the nodes of host B come and go and prints their lines, which they send to their group's
+// collector id on their own host, where the agent takes them; olmctl on host A lists them with
+// their host and follows their lines.
+TEST_F(NodeHosts, TheControllerSeesTheNodesAndLinesOfAnotherHostThroughThatHostsAgent) {
+  auto controller = startProgram(*m_c, {OLM_TEST_CONTROLLER, "--nid", hex(kMasterNid)});
+  ASSERT_TRUE(controller->waitUntilPrinted("log collector: collecting the system log on node " + hex(kMasterNid)))
+      << controller->output();
+  auto agent = startProgram(*m_b, {OLM_TEST_CONTROLLER, "--agent", "--nid", "0x20f0", "--master", hex(kMasterNid)});
+  ASSERT_TRUE(agent->waitUntilPrinted("for the controller, node " + hex(kMasterNid))) << agent->output();
+  const std::vector<std::string> pinging{"OLM_PING_PEER=0x2012", "OLM_PING_PERIOD_MS=20"};
+  auto pinger = startNode(*m_b, 0x2011, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::pingEuPath()}, pinging);
+  auto peer = startNode(*m_b, 0x2012, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::pingEuPath()},
+                        {"OLM_PING_PEER=0x2011", "OLM_PING_PERIOD_MS=20"});
+  EXPECT_TRUE(agent->waitUntilPrinted("collecting the lines of group 0x2010, sent to node 0x201d")) << agent->output();
+  EXPECT_TRUE(controller->waitUntilPrinted("log collector: node 0x2011 appeared")) << controller->output();
+  // What the nodes log before the agent takes their group's collector id is lost: any tenth pong.
+  EXPECT_TRUE(controller->waitUntilPrinted("0 pongs from node 0x2012")) << controller->output();
+  EXPECT_NE(controller->output().find("\n0x2011 ["), std::string::npos) << "lines carry the sending node";
+
+  const OlmTest::ProgramRun nodes = olmctlOn(*m_a, {"nodes", "--json"});
+  EXPECT_EQ(nodes.status, 0) << nodes.err;
+  EXPECT_NE(nodes.out.find("{\"node\":8209,\"host\":\"" + endpointOf(kAddressB) + "\",\"answers\":true"),
+            std::string::npos)
+      << nodes.out;
+  const OlmTest::ProgramRun log = olmctlOn(*m_a, {"log", "-n", "1", "0x2011"});
+  EXPECT_EQ(log.status, 0) << log.err;
+  EXPECT_NE(log.out.find("PingEu: "), std::string::npos) << log.out;
+
+  peer->kill(SIGKILL);
+  EXPECT_TRUE(controller->waitUntilPrinted("log collector: node 0x2012 gone")) << controller->output();
+  EXPECT_EQ(controller->countOutput("node 0x201d appeared"), 0u) << "an alias is no node";
 }
 
 // A sequenced message: its sequence number first, then bytes that depend on it, the length too.

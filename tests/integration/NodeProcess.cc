@@ -57,8 +57,9 @@ NodeProcess::NodeProcess(const std::vector<std::string>& args, const std::vector
   start(command, environment, inChild);
 }
 
-NodeProcess::NodeProcess(const Program& program, const std::vector<std::string>& environment) {
-  start(program.command, environment, {});
+NodeProcess::NodeProcess(const Program& program, const std::vector<std::string>& environment,
+                         const std::function<void()>& inChild) {
+  start(program.command, environment, inChild);
 }
 
 void NodeProcess::start(const std::vector<std::string>& command, const std::vector<std::string>& environment,

@@ -25,7 +25,8 @@ class NodeProcess {
   struct Program {
     std::vector<std::string> command;
   };
-  explicit NodeProcess(const Program& program, const std::vector<std::string>& environment = {});
+  explicit NodeProcess(const Program& program, const std::vector<std::string>& environment = {},
+                       const std::function<void()>& inChild = {});
   ~NodeProcess();  // kills the process if it still runs
   NodeProcess(const NodeProcess&) = delete;
   NodeProcess& operator=(const NodeProcess&) = delete;

@@ -10,8 +10,7 @@
 # on A. Ctrl-C stops everything and removes the hosts. Needs root (namespaces, links). While it
 # runs,
 #   <run dir>/on-a build/native/Tools/Olmctl/olmctl nodes
-# runs olmctl on host A (the script prints the run directory); on host B olmctl needs a node id of
-# B's, --nid 0x2ff0.
+# runs olmctl on host A (the script prints the run directory), on-b on host B.
 # Usage: sudo scripts/run-two-hosts.sh [--keys]   (--keys: CURVE links, a key pair per host)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

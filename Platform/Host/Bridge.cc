@@ -119,6 +119,7 @@ class Bridge {
     if (rc == 0) {
       remote_->clearAll();
       remote_->setBridgeState(RemoteNodes::BridgeState::kStarting);
+      remote_->setOwnHost(own_);
       rc = Mailbox::createBridge(settings_.laneBytes, &mailbox_);
     }
     context_ = rc == 0 ? zmq_ctx_new() : nullptr;

@@ -24,7 +24,9 @@ class RemoteNodes {
   static constexpr size_t kStateWord = kWords;
   // Which of the reachable ids are aliases a node of their host holds, not nodes.
   static constexpr size_t kAliasWords = kStateWord + 1;
-  static constexpr size_t kTotalWords = kAliasWords + kWords;
+  // This host's index in the map, plus one; 0 until a bridge has started here.
+  static constexpr size_t kOwnHostWord = kAliasWords + kWords;
+  static constexpr size_t kTotalWords = kOwnHostWord + 1;
   static constexpr size_t kBytes = kTotalWords * sizeof(uint64_t);
 
   enum class BridgeState : uint64_t {
@@ -59,6 +61,14 @@ class RemoteNodes {
 
   void setBridgeState(BridgeState state) { words_[kStateWord].store(static_cast<uint64_t>(state), std::memory_order_release); }
   BridgeState bridgeState() const { return static_cast<BridgeState>(words_[kStateWord].load(std::memory_order_acquire)); }
+
+  // Which host of the map this one is, as its bridge knows it: kNoHost before one started.
+  void setOwnHost(uint8_t host) { words_[kOwnHostWord].store(uint64_t{host} + 1, std::memory_order_release); }
+  uint8_t ownHost() const {
+    const uint64_t word = words_[kOwnHostWord].load(std::memory_order_acquire);
+    return word == 0 || word > kNoHostIndex ? kNoHostIndex : static_cast<uint8_t>(word - 1);
+  }
+  static constexpr uint8_t kNoHostIndex = 0xFF;  // NodeMap::kNoHost
 
  private:
   RemoteNodes(std::atomic<uint64_t>* words, bool mapped) : words_(words), mapped_(mapped) {}

@@ -165,19 +165,43 @@ int rhyddal_host_live_nodes(struct rhyddal_host_node* nodes, uint32_t capacity) 
   return static_cast<int>(live);
 }
 
+static_assert(rhyddal::RemoteNodes::kNoHostIndex == rhyddal::NodeMap::kNoHost, "one word for no host");
 static_assert(sizeof(rhyddal_host_remote_node::endpoint) > rhyddal::NodeMap::kMaxEndpointLength,
               "every endpoint the map accepts fits with its terminator");
 
-int rhyddal_host_remote_nodes(struct rhyddal_host_remote_node* nodes, uint32_t capacity) {
-  if ((nodes == nullptr && capacity != 0) || !rhyddal::namespaceUsable()) return -EINVAL;
+// The node map and this host's table of other hosts, for the host extensions that read them:
+// 0 and *mapped false without a map, 0 and both with one, else a negative errno.
+static int openMapAndRemoteNodes(rhyddal::NodeMap* map, std::unique_ptr<rhyddal::RemoteNodes>* remote, bool* mapped) {
+  *mapped = false;
+  if (!rhyddal::namespaceUsable()) return -EINVAL;
   const char* mapPath = std::getenv(rhyddal::kNodeMapVariable);
   if (mapPath == nullptr || *mapPath == '\0') return 0;
-  rhyddal::NodeMap map;
   std::vector<std::string> errors;
-  if (!rhyddal::NodeMap::load(mapPath, &map, &errors)) return -EINVAL;
+  if (!rhyddal::NodeMap::load(mapPath, map, &errors)) return -EINVAL;
+  const int rc = rhyddal::RemoteNodes::open(remote);
+  *mapped = rc == 0;
+  return rc;
+}
+
+int rhyddal_host_is_on_this_host(uint32_t nid) {
+  if (nid > 0xFFFF) return -EINVAL;
+  rhyddal::NodeMap map;
   std::unique_ptr<rhyddal::RemoteNodes> remote;
-  const int rc = rhyddal::RemoteNodes::open(&remote);
-  if (rc != 0) return rc;
+  bool mapped = false;
+  const int rc = openMapAndRemoteNodes(&map, &remote, &mapped);
+  if (rc != 0 || !mapped) return rc != 0 ? rc : 1;
+  const uint8_t own = remote->ownHost();
+  if (own == rhyddal::RemoteNodes::kNoHostIndex) return -ENOTCONN;
+  return map.hostOf(static_cast<uint16_t>(nid)) == own ? 1 : 0;
+}
+
+int rhyddal_host_remote_nodes(struct rhyddal_host_remote_node* nodes, uint32_t capacity) {
+  if (nodes == nullptr && capacity != 0) return -EINVAL;
+  rhyddal::NodeMap map;
+  std::unique_ptr<rhyddal::RemoteNodes> remote;
+  bool mapped = false;
+  const int rc = openMapAndRemoteNodes(&map, &remote, &mapped);
+  if (rc != 0 || !mapped) return rc;
   uint32_t listed = 0;
   for (const uint16_t nid : remote->reachableNids()) {
     const uint8_t host = map.hostOf(nid);

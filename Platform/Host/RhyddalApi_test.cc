@@ -364,8 +364,9 @@ TEST(HostExtensions, AnInvalidNamespaceIsRefusedAndNothingIsCreated) {
 }
 
 // The nodes of other hosts come from the bits this host's bridge keeps, with their hosts' endpoints
-// from the map; a map that cannot be read is an error, no map no nodes.
-TEST(HostExtensions, RemoteNodesAreListedWithTheirHostsEndpoints) {
+// from the map, and which ids are this host's from the host its bridge serves; a map that cannot be
+// read is an error, no map no other hosts.
+TEST(HostExtensions, RemoteNodesAndThisHostsIdsComeFromTheBridgesTableAndTheMap) {
   const std::string mapPath = "/tmp/olm-remote-map-" + std::to_string(getpid());
   std::ofstream(mapPath) << "0x1000-0x1fff tcp://127.0.0.1:5601\n0x2000-0x2fff ipc:///tmp/host-b\n";
   std::unique_ptr<RemoteNodes> remote;
@@ -379,6 +380,7 @@ TEST(HostExtensions, RemoteNodesAreListedWithTheirHostsEndpoints) {
 
   unsetenv("RHYDDAL_NODE_MAP");
   EXPECT_EQ(rhyddal_host_remote_nodes(nullptr, 0), 0) << "without a map there are no other hosts";
+  EXPECT_EQ(rhyddal_host_is_on_this_host(0x2011), 1) << "without a map every node id is on this host";
   setenv("RHYDDAL_NODE_MAP", mapPath.c_str(), 1);
   rhyddal_host_remote_node nodes[3] = {};
   ASSERT_EQ(rhyddal_host_remote_nodes(nodes, 1), 2) << "all are counted";
@@ -389,8 +391,17 @@ TEST(HostExtensions, RemoteNodesAreListedWithTheirHostsEndpoints) {
   EXPECT_EQ(nodes[1].nid, 0x2fff);
   EXPECT_EQ(rhyddal_host_remote_nodes(nullptr, 1), -EINVAL);
 
+  remote->setOwnHost(RemoteNodes::kNoHostIndex);
+  EXPECT_EQ(rhyddal_host_is_on_this_host(0x1011), -ENOTCONN) << "no bridge has said which host this is";
+  remote->setOwnHost(1);
+  EXPECT_EQ(rhyddal_host_is_on_this_host(0x2ff0), 1);
+  EXPECT_EQ(rhyddal_host_is_on_this_host(0x1ff0), 0);
+  EXPECT_EQ(rhyddal_host_is_on_this_host(0x3000), 0) << "on no host";
+  EXPECT_EQ(rhyddal_host_is_on_this_host(0x10000), -EINVAL);
+
   std::ofstream(mapPath) << "not a map\n";
   EXPECT_EQ(rhyddal_host_remote_nodes(nullptr, 0), -EINVAL);
+  EXPECT_EQ(rhyddal_host_is_on_this_host(0x1011), -EINVAL);
   unsetenv("RHYDDAL_NODE_MAP");
   remote->clearAll();
   std::remove(mapPath.c_str());

@@ -89,6 +89,14 @@ struct rhyddal_host_remote_node {
  * vak_em_server_init. */
 int rhyddal_host_remote_nodes(struct rhyddal_host_remote_node* nodes, uint32_t capacity);
 
+/* Whether the node map places nid on this host, as the host's bridge knows which host it is: what
+ * a tool that is not started with a node id of its own asks before it takes one. Returns 1 (also
+ * for every id when there is no map), 0 for an id of another host or of none; -ENOTCONN when no
+ * bridge has started on this host yet, so which host it is is not known; -EINVAL for nid above
+ * 0xFFFF, an invalid RHYDDAL_NAMESPACE or a map that cannot be read or parsed; another negative
+ * errno when the host's table of other hosts cannot be mapped. Needs no vak_em_server_init. */
+int rhyddal_host_is_on_this_host(uint32_t nid);
+
 #ifdef __cplusplus
 }
 #endif

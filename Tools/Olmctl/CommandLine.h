@@ -17,9 +17,12 @@ constexpr int kExitUsage = 2;
 // The run-example system's master node, where the broker server and the R&D master run.
 constexpr uint16_t kDefaultMasterNid = 0x10F0;
 constexpr char kMasterNidVariable[] = "OLM_MASTER_NID";
-// The tool takes the first of these that is free, so that several tools can run at once.
+// The tool takes the first of these that is free, so that several tools can run at once. Where a
+// node map places them on another host, it takes the same last ids of another block of 0x1000
+// node ids, the first the map places on this host: 0x2FF0 to 0x2FF7 on the host of 0x2000-0x2FFF.
 constexpr uint16_t kFirstToolNid = 0x1FF0;
 constexpr uint16_t kLastToolNid = 0x1FF7;
+constexpr uint16_t kToolNidBlock = 0x1000;
 constexpr uint32_t kDefaultTimeoutMs = 2000;
 constexpr uint32_t kMaxTimeoutMs = 3600 * 1000;
 constexpr uint32_t kMaxNid = 0xFFFF;

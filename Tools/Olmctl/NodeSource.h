@@ -46,7 +46,10 @@ std::vector<std::unique_ptr<INodeSource>> nodeSources(const CommonOptions& optio
 bool listNodes(const std::vector<std::unique_ptr<INodeSource>>& sources, std::vector<ListedNode>& nodes,
                std::string& error);
 
-// The node ids the tool takes for itself when --nid does not name one.
-inline bool isToolNid(uint16_t nid) { return nid >= kFirstToolNid && nid <= kLastToolNid; }
+// The node ids tools take for themselves when --nid does not name one, on any host.
+inline bool isToolNid(uint16_t nid) {
+  const uint16_t inBlock = nid % kToolNidBlock;
+  return nid >= kToolNidBlock && inBlock >= kFirstToolNid % kToolNidBlock && inBlock <= kLastToolNid % kToolNidBlock;
+}
 
 }  // namespace Olmctl

@@ -5,6 +5,10 @@
 
 #include "Interruption.h"
 #include "Output.h"
+#include "RhyddalHost.h"
+
+// The board's platform library has no node map: there the tool's ids are the usual ones.
+extern "C" RHYDDAL_HOST_OPTIONAL int rhyddal_host_is_on_this_host(uint32_t nid);
 
 namespace Olmctl {
 
@@ -15,6 +19,20 @@ constexpr uint16_t kToolCpid = 0x0700;
 
 std::string claimFailure(int error) {
   return error == -EADDRINUSE ? std::string("another process serves it") : std::strerror(-error);
+}
+
+// The tool's ids of the first block the node map places on this host; the usual ones without a
+// map, or while no bridge of this host tells which host it is.
+uint16_t firstToolNidOfThisHost() {
+  if (rhyddal_host_is_on_this_host == nullptr) return kFirstToolNid;
+  for (uint32_t first = kFirstToolNid; first <= 0xFFFF; first += kToolNidBlock) {
+    const int here = rhyddal_host_is_on_this_host(first);
+    if (here < 0) return kFirstToolNid;
+    if (here == 1 && rhyddal_host_is_on_this_host(first + (kLastToolNid - kFirstToolNid)) == 1) {
+      return static_cast<uint16_t>(first);
+    }
+  }
+  return kFirstToolNid;
 }
 
 }  // namespace
@@ -35,9 +53,11 @@ bool Session::open(std::string& error) {
     error = "cannot take node id " + nidText(*m_options.ownNid) + " for the tool: " + claimFailure(m_client->error());
     return false;
   }
-  m_client = std::make_unique<WireClient>(kFirstToolNid, kLastToolNid);
+  const uint16_t first = firstToolNidOfThisHost();
+  const auto last = static_cast<uint16_t>(first + (kLastToolNid - kFirstToolNid));
+  m_client = std::make_unique<WireClient>(first, last);
   if (m_client->ok()) return true;
-  error = m_client->error() == -EADDRINUSE ? "node ids " + nidText(kFirstToolNid) + " to " + nidText(kLastToolNid) +
+  error = m_client->error() == -EADDRINUSE ? "node ids " + nidText(first) + " to " + nidText(last) +
                                                  " are all in use: give the tool a free one with --nid"
                                            : "cannot take a node id for the tool: " + claimFailure(m_client->error());
   return false;

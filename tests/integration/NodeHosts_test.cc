@@ -325,6 +325,8 @@ TEST_F(NodeHosts, TheControllerSeesTheNodesAndLinesOfAnotherHostThroughThatHosts
   EXPECT_NE(nodes.out.find("{\"node\":8209,\"host\":\"" + endpointOf(kAddressB) + "\",\"answers\":true"),
             std::string::npos)
       << nodes.out;
+  const OlmTest::ProgramRun fromB = olmctlOn(*m_b, {"ping", "-c", "1", hex(kMasterNid)});
+  EXPECT_EQ(fromB.status, 0) << "on host B the tool takes an id of B's, not one of 0x1ff0-0x1ff7: " << fromB.err;
   const OlmTest::ProgramRun log = olmctlOn(*m_a, {"log", "-n", "1", "0x2011"});
   EXPECT_EQ(log.status, 0) << log.err;
   EXPECT_NE(log.out.find("PingEu: "), std::string::npos) << log.out;

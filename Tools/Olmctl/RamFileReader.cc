@@ -44,6 +44,26 @@ std::string statusText(uint16_t nid, const std::string& name, uint32_t status) {
 
 }  // namespace
 
+bool isServerReplyFor(const WireClient::Message& message, uint16_t nid, uint32_t offset) {
+  if (message.id != RAMFILE_READ_REPLY_MSG) return false;
+  const std::vector<uint32_t> words = message.words();
+  return words.size() >= kReplyWords && words[kNid] == nid && words[kOffset] == offset;
+}
+
+std::optional<ServerChunk> parseServerChunk(const WireClient::Message& message, uint32_t offset) {
+  const std::vector<uint32_t> words = message.words();
+  if (words.size() < kReplyWords) return std::nullopt;
+  const uint32_t length = words[kChunkLength];
+  const size_t held = message.payload.size() - RAMFILE_READ_REPLY_HEADER_SIZE;
+  if (length != held || (length != 0 && uint64_t{offset} + length > words[kFileSize])) return std::nullopt;
+  ServerChunk chunk;
+  chunk.status = words[kStatus];
+  if (chunk.status != 0) return chunk;
+  chunk.fileSize = words[kFileSize];
+  chunk.bytes.assign(message.payload.begin() + RAMFILE_READ_REPLY_HEADER_SIZE, message.payload.end());
+  return chunk;
+}
+
 bool LocalRamFileReader::read(uint16_t nid, const std::string& name, std::vector<uint8_t>& bytes, std::string& error) {
   if (readRamFile(ramFilePath(m_root, nid, name), bytes, error)) return true;
   error = missingRamFile(nid, error);
@@ -65,12 +85,12 @@ bool ServerRamFileReader::read(uint16_t nid, const std::string& name, std::vecto
 ServerRamFileReader::Pass ServerRamFileReader::readOnce(uint16_t nid, const std::string& name,
                                                         std::vector<uint8_t>& bytes, std::string& error) {
   bytes.clear();
-  Chunk first;
+  ServerChunk first;
   if (!exchange(nid, name, 0, first, error)) return Pass::kFailed;
   const uint32_t size = first.fileSize;
   bytes = std::move(first.bytes);
   while (bytes.size() < size) {
-    Chunk next;
+    ServerChunk next;
     if (!exchange(nid, name, static_cast<uint32_t>(bytes.size()), next, error)) return Pass::kFailed;
     if (next.fileSize != size || next.bytes.empty()) return Pass::kChanged;
     bytes.insert(bytes.end(), next.bytes.begin(), next.bytes.end());
@@ -78,7 +98,7 @@ ServerRamFileReader::Pass ServerRamFileReader::readOnce(uint16_t nid, const std:
   return Pass::kDone;
 }
 
-bool ServerRamFileReader::exchange(uint16_t nid, const std::string& name, uint32_t offset, Chunk& chunk,
+bool ServerRamFileReader::exchange(uint16_t nid, const std::string& name, uint32_t offset, ServerChunk& chunk,
                                    std::string& error) {
   const uint16_t server = ramFileServerOf(nid);
   if (m_silentServers.count(server) != 0) {
@@ -99,20 +119,16 @@ bool ServerRamFileReader::exchange(uint16_t nid, const std::string& name, uint32
   }
   WireClient::Message reply;
   if (!await(nid, name, offset, reply, error)) return false;
-  const std::vector<uint32_t> words = reply.words();
-  const uint32_t length = words[kChunkLength];
-  const size_t held = reply.payload.size() - RAMFILE_READ_REPLY_HEADER_SIZE;
-  if (words[kStatus] != 0) {
-    error = statusText(nid, name, words[kStatus]);
-    return false;
-  }
-  // A chunk past the end of a file that shrank is empty, and its new size says so.
-  if (length != held || (length != 0 && uint64_t{offset} + length > words[kFileSize])) {
+  const std::optional<ServerChunk> parsed = parseServerChunk(reply, offset);
+  if (!parsed) {
     error = serverText(nid) + " sent a malformed reply for " + ofNode(name, nid);
     return false;
   }
-  chunk.fileSize = words[kFileSize];
-  chunk.bytes.assign(reply.payload.begin() + RAMFILE_READ_REPLY_HEADER_SIZE, reply.payload.end());
+  if (parsed->status != 0) {
+    error = statusText(nid, name, parsed->status);
+    return false;
+  }
+  chunk = *parsed;
   return true;
 }
 
@@ -122,9 +138,7 @@ bool ServerRamFileReader::await(uint16_t nid, const std::string& name, uint32_t 
                                 std::string& error) {
   const uint32_t server = sicad(ramFileServerOf(nid), RAMFILE_SERVER_CPID);
   const auto wanted = [&](const WireClient::Message& candidate) {
-    if (candidate.id != RAMFILE_READ_REPLY_MSG || candidate.sender != server) return false;
-    const std::vector<uint32_t> words = candidate.words();
-    return words.size() >= kReplyWords && words[kNid] == nid && words[kOffset] == offset;
+    return candidate.sender == server && isServerReplyFor(candidate, nid, offset);
   };
   if (m_session.next(wanted, Session::Clock::now() + std::chrono::milliseconds(m_timeoutMs), reply)) return true;
   if (interrupted()) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -31,6 +32,20 @@ class LocalRamFileReader : public IRamFileReader {
   std::string m_root;
 };
 
+// A reply of a RAM file server as the tool reads it: the status, and with status 0 the file's size
+// and the chunk.
+struct ServerChunk {
+  uint32_t status = 0;
+  uint32_t fileSize = 0;
+  std::vector<uint8_t> bytes;
+};
+// Whether message is a reply for node nid's chunk at offset, whoever sent it.
+bool isServerReplyFor(const WireClient::Message& message, uint16_t nid, uint32_t offset);
+// Nothing when the reply at offset is malformed: its chunk length is not what it holds, or the
+// chunk runs past the file's size. A chunk past the end of a file that shrank is empty, and its
+// size says so.
+std::optional<ServerChunk> parseServerChunk(const WireClient::Message& message, uint32_t offset);
+
 // Through the server, over the tool's session: each chunk is awaited up to timeoutMs. A server that
 // did not answer is not asked again by this reader. A file whose size changes between its chunks is
 // read again from its start, a few times at most.
@@ -41,13 +56,9 @@ class ServerRamFileReader : public IRamFileReader {
 
  private:
   enum class Pass { kDone, kChanged, kFailed };
-  struct Chunk {
-    uint32_t fileSize = 0;
-    std::vector<uint8_t> bytes;
-  };
 
   Pass readOnce(uint16_t nid, const std::string& name, std::vector<uint8_t>& bytes, std::string& error);
-  bool exchange(uint16_t nid, const std::string& name, uint32_t offset, Chunk& chunk, std::string& error);
+  bool exchange(uint16_t nid, const std::string& name, uint32_t offset, ServerChunk& chunk, std::string& error);
   bool await(uint16_t nid, const std::string& name, uint32_t offset, WireClient::Message& reply, std::string& error);
 
   Session& m_session;

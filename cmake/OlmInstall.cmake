@@ -15,7 +15,7 @@ install(TARGETS ${OLM_INSTALL_TARGETS} EXPORT OlmLiteRtTargets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
 install(FILES ${OLM_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/OlmLiteRt)
 # EU libraries of ours that a master node loads: plugins, so not part of the CMake package.
-install(TARGETS BrokerServer RadMaster SysLogCollector LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/olmlite)
+install(TARGETS BrokerServer RadMaster SysLogCollector RamFileServer LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/olmlite)
 # The operator tool, beside OLMLiteExe; it links the platform library only.
 install(TARGETS olmctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The command that starts the controller node with those libraries.

@@ -17,8 +17,8 @@
 #include <cstring>
 
 #include "Commands.h"
-#include "NodeSource.h"
 #include "Output.h"
+#include "RamFileReader.h"
 #include "RamFiles.h"
 
 extern char** environ;
@@ -39,9 +39,10 @@ constexpr char kUsage[] = "Usage: olmctl history NID\n";
 constexpr char kHelp[] =
     "Usage: olmctl history NID\n"
     "\n"
-    "The history log of a node that runs on this host, as text: its RAM file\n"
-    "<nid>_HistoryLog.bin under the nodes' RAM root, copied at once and converted by\n"
-    "olm-history, which resolves the runtime's formats in the runtime installed with it.\n"
+    "The history log of a node as text: its RAM file <nid>_HistoryLog.bin, copied at once (from\n"
+    "under the nodes' RAM root for a node on this host, else through the RAM file server of its\n"
+    "host, which olm-controller runs) and converted by olm-history, which resolves the runtime's\n"
+    "formats in the runtime installed with it.\n"
     "The olm-history beside olmctl is used unless OLM_HISTORY_TOOL names another (the one of\n"
     "the installation the node runs, when that is another).\n"
     "\n"
@@ -175,25 +176,21 @@ bool convert(uint16_t nid, const std::string& file, bool asJson, std::string& er
   return true;
 }
 
-bool runsOnThisHost(uint16_t nid) {
-  HostNodeSource host;
-  std::vector<ListedNode> nodes;
-  std::string ignored;
-  if (!host.list(nodes, ignored)) return true;  // cannot tell: let the file speak
-  for (const ListedNode& node : nodes) {
-    if (node.nid == nid) return true;
-  }
-  return false;
+// Straight from the mount for a node on this host; else through the RAM file server of its host,
+// with a node id of the tool's own for the exchange.
+bool readHistoryLog(const CommonOptions& options, uint16_t nid, std::vector<uint8_t>& bytes, std::string& error) {
+  const std::string name = historyLogFileName(nid);
+  if (HostNodes().has(nid)) return LocalRamFileReader(options.ramRoot).read(nid, name, bytes, error);
+  Session session(options);
+  return session.open(error) && ServerRamFileReader(session, options.timeoutMs).read(nid, name, bytes, error);
 }
 
 Outcome runHistory(const CommonOptions& options, const Arguments& arguments) {
   uint16_t nid = 0;
   std::string error;
   if (!parseOnlyNid("history", arguments, nid, error)) return misused(error);
-  if (!runsOnThisHost(nid)) return failed("node " + nidText(nid) + " is not running on this host");
-  const std::string path = ramFilePath(options.ramRoot, nid, historyLogFileName(nid));
   std::vector<uint8_t> bytes;
-  if (!readRamFile(path, bytes, error)) return failed(missingRamFile(nid, error));
+  if (!readHistoryLog(options, nid, bytes, error)) return failed(error);
   std::string copy;
   if (!copyToTemporaryFile(bytes, copy, error)) return failed(error);
   const bool converted = convert(nid, copy, options.json, error);

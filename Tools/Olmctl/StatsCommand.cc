@@ -3,23 +3,23 @@
 #include "Echo.h"
 #include "LoadText.h"
 #include "Output.h"
-#include "RamFiles.h"
+#include "RamFileReader.h"
 #include "StatsRecord.h"
 
 namespace Olmctl {
 
 namespace {
 
-
 constexpr char kUsage[] = "Usage: olmctl stats NID [-i INTERVAL_MS]\n";
 
 constexpr char kHelp[] =
     "Usage: olmctl stats NID [-i INTERVAL_MS]\n"
     "\n"
-    "The load figures of a node on this host, from the record its statistics EU keeps (the RAM\n"
-    "file olmliteStatsRaw.bin under the nodes' RAM root; reading it changes nothing on the\n"
-    "node). Each loop iteration of the node's Dispatcher counts its processor ticks as idle (it\n"
-    "found nothing to do) or busy; the busy ticks inside the EUs' callbacks are the messaging:\n"
+    "The load figures of a node, from the record its statistics EU keeps (the RAM file\n"
+    "olmliteStatsRaw.bin, under the nodes' RAM root for a node on this host, else through the\n"
+    "RAM file server of its host; reading it changes nothing on the node). Each loop iteration\n"
+    "of the node's Dispatcher counts its processor ticks as idle (it found nothing to do) or\n"
+    "busy; the busy ticks inside the EUs' callbacks are the messaging:\n"
     "\n"
     "  idle                 share of the loop's time in iterations that found nothing to do\n"
     "  dispatcher overhead  share in busy iterations outside the EUs' callbacks\n"
@@ -27,7 +27,8 @@ constexpr char kHelp[] =
     "\n"
     "over INTERVAL_MS (default 1000: the record is read twice) and since the node started, with\n"
     "the ticks themselves, and the idle meter's figures when an EU runs it. The node's echo is\n"
-    "asked first: a node that does not answer within the timeout fails the command.\n"
+    "asked first: a node that does not answer within the timeout fails the command. A node on\n"
+    "another host needs its host's controller (olm-controller, which loads the RAM file server).\n"
     "\n"
     "Examples:\n"
     "  olmctl stats 0x1011\n"
@@ -93,10 +94,11 @@ Outcome runStats(const CommonOptions& options, const Arguments& arguments) {
       probe.roundTrips({request.nid}, Session::Clock::now() + std::chrono::milliseconds(options.timeoutMs)).front();
   if (!trip.failure.empty()) return failed(trip.failure);
   if (!trip.time) return failed(noAnswer("node " + nidText(request.nid), options.timeoutMs));
+  NodeRamFileReader reader(session, options.timeoutMs);
   StatsRecord first, second;
-  if (!readStatsRecord(options.ramRoot, request.nid, first, error)) return failed(missingRamFile(request.nid, error));
+  if (!readStatsRecord(reader, request.nid, first, error)) return failed(error);
   session.pause(Session::Clock::now() + std::chrono::milliseconds(request.intervalMs));
-  if (!readStatsRecord(options.ramRoot, request.nid, second, error)) return failed(error);
+  if (!readStatsRecord(reader, request.nid, second, error)) return failed(error);
   const LoadCounters interval = ticksBetween(first.counters, second.counters);
   printOut(options.json ? json(request, *trip.time, interval, second) : text(request, *trip.time, interval, second));
   return succeeded();

@@ -2,7 +2,8 @@
 
 #include <cstddef>
 
-#include "RamFiles.h"
+#include "Output.h"
+#include "RamFileReader.h"
 
 namespace Olmctl {
 
@@ -63,13 +64,13 @@ std::optional<LoadShares> loadShares(const LoadCounters& ticks) {
                     share(static_cast<int64_t>(ticks.messaging), all)};
 }
 
-bool readStatsRecord(const std::string& root, uint16_t nid, StatsRecord& record, std::string& error) {
-  const std::string path = ramFilePath(root, nid, kStatsRecordFileName);
+bool readStatsRecord(IRamFileReader& reader, uint16_t nid, StatsRecord& record, std::string& error) {
   std::vector<uint8_t> bytes;
-  if (!readRamFile(path, bytes, error)) return false;
+  if (!reader.read(nid, kStatsRecordFileName, bytes, error)) return false;
   const std::optional<StatsRecord> parsed = parseStatsRecord(bytes);
   if (!parsed) {
-    error = path + " holds " + std::to_string(bytes.size()) + " bytes, fewer than a statistics record";
+    error = std::string(kStatsRecordFileName) + " of node " + nidText(nid) + " holds " + std::to_string(bytes.size()) +
+            " bytes, fewer than a statistics record";
     return false;
   }
   record = *parsed;

@@ -11,6 +11,8 @@
 
 namespace Olmctl {
 
+class IRamFileReader;
+
 constexpr char kStatsRecordFileName[] = "olmliteStatsRaw.bin";
 
 // AaTicksGet ticks since start-up (or since the node put them back to 0 near overflow).
@@ -47,7 +49,7 @@ LoadCounters ticksBetween(const LoadCounters& earlier, const LoadCounters& later
 // The shares of those ticks; nothing when no tick passed.
 std::optional<LoadShares> loadShares(const LoadCounters& ticks);
 
-// The record of a node on this host, from its RAM file under root; false with error.
-bool readStatsRecord(const std::string& root, uint16_t nid, StatsRecord& record, std::string& error);
+// The record of node nid, from its RAM file as reader finds it; false with error.
+bool readStatsRecord(IRamFileReader& reader, uint16_t nid, StatsRecord& record, std::string& error);
 
 }  // namespace Olmctl

@@ -1,14 +1,16 @@
 // What the tool reads from others, of any length and content: echo replies (the first two bytes
 // are the header's flags, the next four the sender, the rest the payload, whose first word is taken
 // as the tool's token so that the decoding goes past the match), a reply as send --wait prints it,
-// the log collector's lines and answers as log shows them, and the whole input as a node's
-// statistics record file.
+// the log collector's lines and answers as log shows them, a RAM file server's reply for the chunk
+// at the offset of the payload's fourth word, and the whole input as a node's statistics record
+// file.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "Echo.h"
 #include "LogMessages.h"
+#include "RamFileReader.h"
 #include "SendMessages.h"
 #include "StatsRecord.h"
 
@@ -32,5 +34,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Olmctl::logEntryJson(*entry);
   }
   Olmctl::followAnswer(message);
+  constexpr size_t kOffsetWord = 3;
+  const uint32_t offset = words.size() > kOffsetWord ? words[kOffsetWord] : 0;
+  message.id = RAMFILE_READ_REPLY_MSG;
+  Olmctl::isServerReplyFor(message, words.size() > 1 ? static_cast<uint16_t>(words[1]) : 0, offset);
+  Olmctl::parseServerChunk(message, offset);
   return 0;
 }

@@ -8,6 +8,7 @@
 #include "Interruption.h"
 #include "LoadText.h"
 #include "NodeSurvey.h"
+#include "RamFileReader.h"
 
 namespace Olmctl {
 
@@ -25,12 +26,13 @@ constexpr char kUsage[] = "Usage: olmctl top [-n REFRESHES] [-i INTERVAL_MS]\n";
 constexpr char kHelp[] =
     "Usage: olmctl top [-n REFRESHES] [-i INTERVAL_MS]\n"
     "\n"
-    "A table of every node on this host (as olmctl nodes lists them), refreshed in place every\n"
+    "A table of every node (as olmctl nodes lists them), refreshed in place every\n"
     "INTERVAL_MS (default 1000) until Ctrl-C: whether it answered its echo within the interval\n"
     "(or the timeout, if shorter), its messages waiting and its load over the last interval\n"
     "(idle, dispatcher overhead and messaging callbacks, as olmctl stats explains them). A node\n"
     "that does not answer shows so and holds up nothing; a node whose load cannot be read shows\n"
-    "'-', as does a node that appeared in the last interval.\n"
+    "'-', as does a node that appeared in the last interval. The load of a node on another\n"
+    "host is read through the RAM file server of its host (olmctl stats --help).\n"
     "\n"
     "  -n REFRESHES    stop after this many tables (scripts, tests)\n"
     "  -i INTERVAL_MS  time between tables\n"
@@ -56,13 +58,11 @@ struct TopRow {
 // Each node's statistics record as last read, so that every table shows the load of one interval.
 class LoadTracker {
  public:
-  explicit LoadTracker(const std::string& ramRoot) : m_ramRoot(ramRoot) {}
-
   // The shares since the last reading of the node; nothing the first time, or without a record.
-  std::optional<LoadShares> update(uint16_t nid) {
+  std::optional<LoadShares> update(IRamFileReader& reader, uint16_t nid) {
     StatsRecord record;
     std::string ignored;
-    if (!readStatsRecord(m_ramRoot, nid, record, ignored)) {
+    if (!readStatsRecord(reader, nid, record, ignored)) {
       m_last.erase(nid);
       return std::nullopt;
     }
@@ -75,7 +75,6 @@ class LoadTracker {
   }
 
  private:
-  std::string m_ramRoot;
   std::map<uint16_t, LoadCounters> m_last;
 };
 
@@ -117,7 +116,6 @@ class Top {
       : m_session(session),
         m_settings(settings),
         m_probe(session),
-        m_loads(session.options().ramRoot),
         m_terminal(!session.options().json && isatty(STDOUT_FILENO) == 1) {}
 
   // Until the refreshes are done or an interruption; false with error when the nodes cannot be
@@ -142,14 +140,22 @@ class Top {
   bool takeFirstReadings(std::string& error) {
     std::vector<ListedNode> nodes;
     if (!listNodes(nodeSources(m_session.options()), nodes, error)) return false;
-    for (const ListedNode& node : nodes) m_loads.update(node.nid);
+    NodeRamFileReader reader = readerOfThisFrame();
+    for (const ListedNode& node : nodes) m_loads.update(reader, node.nid);
     return true;
   }
 
+  // The nodes of this host as they are now; a RAM file server of another host that does not
+  // answer costs one wait a table, within the interval.
+  NodeRamFileReader readerOfThisFrame() {
+    return NodeRamFileReader(m_session, std::min(m_settings.intervalMs, m_session.options().timeoutMs));
+  }
+
   std::vector<TopRow> rows(const std::vector<SurveyedNode>& nodes) {
+    NodeRamFileReader reader = readerOfThisFrame();
     std::vector<TopRow> rows;
     for (const SurveyedNode& node : nodes) {
-      rows.push_back(TopRow{node, node.tool ? std::nullopt : m_loads.update(node.listed.nid)});
+      rows.push_back(TopRow{node, node.tool ? std::nullopt : m_loads.update(reader, node.listed.nid)});
     }
     return rows;
   }

@@ -303,17 +303,20 @@ TEST_F(NodeHosts, SystemLogLinesReachTheGroupsCollectorOnAnotherHost) {
 // The controller on host C and the agent of host B (olm-controller --agent): the controller sees
 // the nodes of host B come and go and prints their lines, which they send to their group's
 // collector id on their own host, where the agent takes them; olmctl on host A lists them with
-// their host and follows their lines.
+// their host, reads their load and history log through the agent's RAM file server, and follows
+// their lines.
 TEST_F(NodeHosts, TheControllerSeesTheNodesAndLinesOfAnotherHostThroughThatHostsAgent) {
   auto controller = startProgram(*m_c, {OLM_TEST_CONTROLLER, "--nid", hex(kMasterNid)});
   ASSERT_TRUE(controller->waitUntilPrinted("log collector: collecting the system log on node " + hex(kMasterNid)))
       << controller->output();
+  // Host B's agent and nodes share one RAM root, as a host's processes do.
   auto agent = startProgram(*m_b, {OLM_TEST_CONTROLLER, "--agent", "--nid", "0x20f0", "--master", hex(kMasterNid)});
+  const std::string ramRoot = "OLM_RAM_ROOT=" + agent->workingArea();
   ASSERT_TRUE(agent->waitUntilPrinted("for the controller, node " + hex(kMasterNid))) << agent->output();
-  const std::vector<std::string> pinging{"OLM_PING_PEER=0x2012", "OLM_PING_PERIOD_MS=20"};
-  auto pinger = startNode(*m_b, 0x2011, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::pingEuPath()}, pinging);
+  auto pinger = startNode(*m_b, 0x2011, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::pingEuPath()},
+                          {"OLM_PING_PEER=0x2012", "OLM_PING_PERIOD_MS=20", ramRoot});
   auto peer = startNode(*m_b, 0x2012, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::pingEuPath()},
-                        {"OLM_PING_PEER=0x2011", "OLM_PING_PERIOD_MS=20"});
+                        {"OLM_PING_PEER=0x2011", "OLM_PING_PERIOD_MS=20", ramRoot});
   EXPECT_TRUE(agent->waitUntilPrinted("collecting the lines of group 0x2010, sent to node 0x201d")) << agent->output();
   EXPECT_TRUE(controller->waitUntilPrinted("log collector: node 0x2011 appeared")) << controller->output();
   // What the nodes log before the agent takes their group's collector id is lost: any tenth pong.
@@ -325,6 +328,22 @@ TEST_F(NodeHosts, TheControllerSeesTheNodesAndLinesOfAnotherHostThroughThatHosts
   EXPECT_NE(nodes.out.find("{\"node\":8209,\"host\":\"" + endpointOf(kAddressB) + "\",\"answers\":true"),
             std::string::npos)
       << nodes.out;
+  const OlmTest::ProgramRun stats = olmctlOn(*m_a, {"stats", "0x2011", "-i", "200", "--json"});
+  EXPECT_EQ(stats.status, 0) << stats.err;
+  EXPECT_NE(stats.out.find("\"sinceStartUp\":{"), std::string::npos) << stats.out;
+  const OlmTest::ProgramRun top = olmctlOn(*m_a, {"top", "-n", "2", "-i", "200"});
+  EXPECT_EQ(top.status, 0) << top.err;
+  const std::string lastTable = top.out.substr(top.out.rfind("NODE"));
+  for (const char* nid : {"0x2011 ", "0x2012 ", "0x20f0 "}) {
+    const size_t row = lastTable.find(std::string("\n") + nid);
+    ASSERT_NE(row, std::string::npos) << nid << " missing from\n" << top.out;
+    EXPECT_NE(lastTable.substr(row, lastTable.find('\n', row + 1) - row).find('.'), std::string::npos)
+        << "no load read for " << nid << " in\n" << top.out;
+  }
+  const OlmTest::ProgramRun history = olmctlOn(*m_a, {"history", "0x2011"});
+  EXPECT_EQ(history.status, 0) << history.err;
+  EXPECT_NE(history.out.find("*********** End history *************"), std::string::npos) << history.out.substr(0, 500);
+
   const OlmTest::ProgramRun fromB = olmctlOn(*m_b, {"ping", "-c", "1", hex(kMasterNid)});
   EXPECT_EQ(fromB.status, 0) << "on host B the tool takes an id of B's, not one of 0x1ff0-0x1ff7: " << fromB.err;
   const OlmTest::ProgramRun log = olmctlOn(*m_a, {"log", "-n", "1", "0x2011"});

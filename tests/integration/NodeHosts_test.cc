@@ -302,9 +302,9 @@ TEST_F(NodeHosts, SystemLogLinesReachTheGroupsCollectorOnAnotherHost) {
 
 // The controller on host C and the agent of host B (olm-controller --agent): the controller sees
 // the nodes of host B come and go and prints their lines, which they send to their group's
-// collector id on their own host, where the agent takes them; olmctl on host A lists them with
-// their host, reads their load and history log through the agent's RAM file server, and follows
-// their lines.
+// collector id on their own host, where the agent takes them, beside those of its own host's node
+// 0x3011; olmctl on host A lists them with their host, pings one and sends it a message, reads their
+// load and history log through the agent's RAM file server, and follows their lines.
 TEST_F(NodeHosts, TheControllerSeesTheNodesAndLinesOfAnotherHostThroughThatHostsAgent) {
   auto controller = startProgram(*m_c, {OLM_TEST_CONTROLLER, "--nid", hex(kMasterNid)});
   ASSERT_TRUE(controller->waitUntilPrinted("log collector: collecting the system log on node " + hex(kMasterNid)))
@@ -317,17 +317,27 @@ TEST_F(NodeHosts, TheControllerSeesTheNodesAndLinesOfAnotherHostThroughThatHosts
                           {"OLM_PING_PEER=0x2012", "OLM_PING_PERIOD_MS=20", ramRoot});
   auto peer = startNode(*m_b, 0x2012, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::pingEuPath()},
                         {"OLM_PING_PEER=0x2011", "OLM_PING_PERIOD_MS=20", ramRoot});
+  auto local = startNode(*m_c, 0x3011, {"--masternid", hex(kMasterNid), "--load-local", OlmTest::pingEuPath()},
+                         {"OLM_PING_PEER=0x2012", "OLM_PING_PERIOD_MS=20"});
   EXPECT_TRUE(agent->waitUntilPrinted("collecting the lines of group 0x2010, sent to node 0x201d")) << agent->output();
   EXPECT_TRUE(controller->waitUntilPrinted("log collector: node 0x2011 appeared")) << controller->output();
-  // What the nodes log before the agent takes their group's collector id is lost: any tenth pong.
-  EXPECT_TRUE(controller->waitUntilPrinted("0 pongs from node 0x2012")) << controller->output();
+  // Lines as the nodes wrote them ("2011 <time> ..."), after the sending node and the LTE time of
+  // arrival. What a node logs before its group's collector id is taken is lost: any line will do.
+  EXPECT_TRUE(controller->waitUntilPrinted("] 2011 <")) << controller->output();
   EXPECT_NE(controller->output().find("\n0x2011 ["), std::string::npos) << "lines carry the sending node";
+  EXPECT_TRUE(controller->waitUntilPrinted("] 3011 <")) << "and those of its own host: " << controller->output();
 
   const OlmTest::ProgramRun nodes = olmctlOn(*m_a, {"nodes", "--json"});
   EXPECT_EQ(nodes.status, 0) << nodes.err;
   EXPECT_NE(nodes.out.find("{\"node\":8209,\"host\":\"" + endpointOf(kAddressB) + "\",\"answers\":true"),
             std::string::npos)
       << nodes.out;
+  const OlmTest::ProgramRun ping = olmctlOn(*m_a, {"ping", "-c", "2", "-i", "10", "0x2011"});
+  EXPECT_EQ(ping.status, 0) << ping.err;
+  EXPECT_NE(ping.out.find("2 sent, 2 received, 0% loss"), std::string::npos) << ping.out;
+  const OlmTest::ProgramRun send = olmctlOn(*m_a, {"send", "0x20110610", "0x7001", "0a000000", "--wait"});
+  EXPECT_EQ(send.status, 0) << send.err;
+  EXPECT_NE(send.out.find("reply 0x7001 to "), std::string::npos) << send.out;
   const OlmTest::ProgramRun stats = olmctlOn(*m_a, {"stats", "0x2011", "-i", "200", "--json"});
   EXPECT_EQ(stats.status, 0) << stats.err;
   EXPECT_NE(stats.out.find("\"sinceStartUp\":{"), std::string::npos) << stats.out;

@@ -1,6 +1,5 @@
 #include "Interruption.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -20,8 +19,6 @@ std::mutex g_mutex;
 WireClient* g_client = nullptr;  // guarded by g_mutex, as is g_address
 uint32_t g_address = 0;
 std::atomic<bool> g_interrupted{false};
-// The handler passes each signal on through this pipe to the thread that acts on it.
-int g_signalPipe[2] = {-1, -1};
 
 sigset_t stopSignals() {
   sigset_t signals;
@@ -31,29 +28,28 @@ sigset_t stopSignals() {
   return signals;
 }
 
-void passOn(int signal) {
-  const auto number = static_cast<unsigned char>(signal);
-  (void)!write(g_signalPipe[1], &number, 1);
-}
-
 // What the signal would have done had the tool not taken it: the default action ends the process
-// with the signal's status.
+// with the signal's status. Unblocked only here, so the pending signal is taken as it is raised.
 [[noreturn]] void endBySignal(int signal) {
   struct sigaction defaultAction {};
   defaultAction.sa_handler = SIG_DFL;
   sigaction(signal, &defaultAction, nullptr);
   raise(signal);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, signal);
+  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
   _exit(128 + signal);
 }
 
-// The one thread with the signals unblocked: the handler runs here, and nowhere else can it cut a
-// system call short.
+// The signals stay blocked in every thread and are taken here synchronously: no handler runs, so
+// nothing is cut short and nothing waits for a handler to be delivered (a sanitizer's runtime
+// defers handlers until the thread's next call it watches).
 void actOnSignals() {
   const sigset_t signals = stopSignals();
-  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
   for (;;) {
-    unsigned char signal = 0;
-    if (read(g_signalPipe[0], &signal, 1) != 1) continue;
+    int signal = 0;
+    if (sigwait(&signals, &signal) != 0) continue;
     std::lock_guard<std::mutex> lock(g_mutex);
     // Once a command has taken an interruption it is finishing: what follows changes nothing.
     if (g_interrupted.load()) continue;
@@ -65,17 +61,9 @@ void actOnSignals() {
 
 }  // namespace
 
-// The handler only writes the signal's number to the pipe; the thread that reads it does the rest.
 void takeInterruptions() {
-  if (pipe2(g_signalPipe, O_CLOEXEC) != 0) return;
-  struct sigaction action {};
-  action.sa_handler = passOn;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
   const sigset_t signals = stopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
   std::thread(actOnSignals).detach();
 }
 

@@ -3,8 +3,8 @@
 // does.
 //
 // A signal cannot end the platform library's wait for messages, which sleeps until its deadline
-// through interruptions, so a thread of the tool takes the signals (the only thread where they are
-// not blocked) and wakes that wait with a message to the tool's own node.
+// through interruptions, so a thread of the tool waits for the signals (blocked in every thread)
+// and wakes that wait with a message to the tool's own node.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 namespace Olmctl {
 
 // Blocks SIGINT and SIGTERM in the calling thread, and so in every thread started after it, and
-// starts the thread that takes them. Call first thing in main, before the platform library starts
+// starts the thread that waits for them. Call first thing in main, before the platform library starts
 // threads of its own.
 void takeInterruptions();
 

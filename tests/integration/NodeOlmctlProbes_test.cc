@@ -211,11 +211,6 @@ TEST_F(NodeOlmctlProbes, PingOfAnUnknownOrSilentNodeFails) {
 }
 
 TEST_F(NodeOlmctlProbes, PingStopsOnInterruptWithTheSummary) {
-#if defined(__SANITIZE_THREAD__)
-  // Under the thread sanitizer, whose signal interception defers the handler, an interrupted
-  // olmctl ends by the signal instead of its own exit; the other builds check this path.
-  GTEST_SKIP() << "interrupting olmctl is not checked under the thread sanitizer";
-#endif
   NodeProcess ping(NodeProcess::Program{olmctlCommand({"ping", hex(m_nidA), "-i", "100"})});
   ASSERT_TRUE(ping.waitForOutput(": seq=2 time=")) << ping.output();
   ping.kill(SIGINT);
@@ -387,11 +382,6 @@ TEST_F(NodeOlmctlProbes, TopRefreshesATableOfEveryNode) {
 // The table in a real terminal: tmux runs olmctl top, its screen shows every node, and Ctrl-C
 // ends it with status 0.
 TEST_F(NodeOlmctlProbes, TopInATerminalEndsOnCtrlC) {
-#if defined(__SANITIZE_THREAD__)
-  // Under the thread sanitizer, whose signal interception defers the handler, an interrupted
-  // olmctl ends by the signal instead of its own exit; the other builds check this path.
-  GTEST_SKIP() << "interrupting olmctl is not checked under the thread sanitizer";
-#endif
   if (std::system("command -v tmux >/dev/null 2>&1") != 0) GTEST_SKIP() << "tmux is not installed";
   const std::string missing = ramFilesMissing();
   if (!missing.empty()) GTEST_SKIP() << missing;

@@ -19,6 +19,7 @@
 #include "Futex.h"
 #include "HostEnvironment.h"
 #include "MessagePool.h"
+#include "ProcessBarrier.h"
 #include "ProcessIdentity.h"
 
 namespace rhyddal {
@@ -32,6 +33,9 @@ static_assert(sizeof(pthread_mutex_t{}.__data.__lock) == 4, "the futex word is 3
 #endif
 
 constexpr uint64_t kSpinCheckEvery = 64;  // empty checks between two clock reads while spinning
+// Sends in a row that find their bit still set before a producer streams without fences: a short
+// burst keeps fencing, so a consumer that sleeps between bursts seldom pays for a barrier.
+constexpr uint32_t kStreamAfterSetBits = 16;
 
 class FileDescriptor {
  public:
@@ -133,6 +137,7 @@ int initialiseHeader(MailboxHeader* header, uint32_t nid, uint32_t laneBytes) {
   header->lockAbi = hostLockAbi();
   header->ownerPid = static_cast<uint32_t>(getpid());
   header->ownerTid = threadId();
+  header->barriersAvailable = processBarriersAvailable() ? 1 : 0;
   const int rc = initialiseOwnerLock(header->ownerLock);
   if (rc != 0) return rc;
   header->magic.store(kMailboxMagic, std::memory_order_release);  // pairs with the acquire in open
@@ -229,6 +234,7 @@ Mailbox::Mailbox(void* mapping, size_t mappedBytes, bool owner, std::string name
 Mailbox::~Mailbox() {
   if (lane_ >= 0) {
     uint64_t mine = thisProcessIdentity();
+    header_->lanes[lane_].streaming.store(0, std::memory_order_release);
     header_->lanes[lane_].owner.compare_exchange_strong(mine, 0, std::memory_order_release);
   }
   if (owner_) pthread_mutex_unlock(mutexIn(header_->ownerLock));
@@ -264,9 +270,7 @@ PushResult Mailbox::push(const void* payload, uint32_t length, RecordKind kind, 
   std::memcpy(ring + start, &record, sizeof(record));
   std::memcpy(ring + start + sizeof(record), payload, length);
   producerTail_ = laneIndex(recordsOf(producerTail_) + 1, tail + static_cast<uint32_t>(needed));
-  // Release: pairs with the consumer's acquire load of tail; the record's bytes are visible first.
-  control.tail.store(producerTail_, std::memory_order_release);
-  notifyConsumer(static_cast<uint32_t>(lane_));
+  publish(control);
   return PushResult::kDelivered;
 }
 
@@ -293,18 +297,65 @@ bool Mailbox::claimLane() {
   LaneControl& control = header_->lanes[lane_];
   producerTail_ = control.tail.load(std::memory_order_acquire);
   knownHead_ = bytesOf(control.head.load(std::memory_order_acquire));
+  control.streaming.store(0, std::memory_order_release);  // we fence until we find a stream
   // A predecessor may have died between publishing a record and announcing it.
-  if (inherited) notifyConsumer(static_cast<uint32_t>(lane_));
+  if (inherited) notifyConsumer(uint64_t{1} << lane_);
   return true;
 }
 
-// fetch_or (seq_cst) pairs with the consumer's exchange of pending (a consumer that collects the
-// bit sees the tail stored before it) and, against waitForRecord's seq_cst store of waiterAsleep
-// followed by its load of pending, guarantees that either the consumer sees the bit before it
-// sleeps or we see waiterAsleep set here. Only the producer that turns waiterAsleep back to 0
-// makes the wake-up call: one system call per sleep, however many senders arrive.
-void Mailbox::notifyConsumer(uint32_t lane) {
-  header_->pending.fetch_or(uint64_t{1} << lane, std::memory_order_seq_cst);
+// A lane's bit in pending stays set while the consumer drains the lane; only the consumer clears
+// it, after finding the lane empty. So a producer that finds its bit set has nothing to announce.
+//
+// Fenced, the default: our seq_cst store of tail precedes our seq_cst load of pending; if that load
+// still saw the bit, it precedes the consumer's seq_cst fetch_and clearing it, which precedes the
+// consumer's seq_cst re-read of tail (laneFoundEmpty), and so that re-read sees the record.
+//
+// Streaming: that fence costs a cross-core round trip of the tail's cache line per message. A
+// producer that finds its bit still set kStreamAfterSetBits times in a row (the consumer is behind,
+// so the traffic is a stream) marks its lane streaming and, from then on, stores tail with release
+// and reads pending without a fence. The consumer keeps watching a streaming lane when it runs dry,
+// and before it stops (retireWatchedLanes, on the way to sleep) it clears the bits and imposes a
+// barrier on the producers, after which every record whose producer saw its bit set is visible.
+// The mark is a seq_cst store followed by our seq_cst loads of pending, against the consumer's
+// seq_cst fetch_and of the bit followed by its seq_cst load of the mark: either the consumer sees
+// the mark, or we see the bit cleared and fence again. A producer that finds its bit cleared stops
+// streaming.
+//
+// Setting the bit: fetch_or (seq_cst) against waitForRecord's seq_cst store of waiterAsleep
+// followed by its load of pending guarantees that either the consumer sees the bit before it
+// sleeps or we see waiterAsleep set here. The consumer cannot be asleep while the bit is set: it
+// re-checks pending after announcing its sleep. Only the producer that turns waiterAsleep back to
+// 0 makes the wake-up call: one system call per sleep, however many senders arrive.
+void Mailbox::publish(LaneControl& control) {
+  const uint64_t bit = uint64_t{1} << lane_;
+  if (streaming_) {
+    // Release: pairs with the consumer's acquire load of tail; the record's bytes are visible first.
+    control.tail.store(producerTail_, std::memory_order_release);
+    // Keeps the compiler from reading pending first. The processor may still read it before the
+    // store of tail is visible (a seq_cst load is a plain load on x86-64): the consumer's barrier
+    // covers that.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if ((header_->pending.load(std::memory_order_seq_cst) & bit) != 0) return;
+    streaming_ = false;
+    setBitsInARow_ = 0;
+    control.streaming.store(0, std::memory_order_release);
+    notifyConsumer(bit);
+    return;
+  }
+  control.tail.store(producerTail_, std::memory_order_seq_cst);
+  if ((header_->pending.load(std::memory_order_seq_cst) & bit) == 0) {
+    setBitsInARow_ = 0;
+    notifyConsumer(bit);
+  } else if (++setBitsInARow_ >= kStreamAfterSetBits && mayStream()) {
+    control.streaming.store(1, std::memory_order_seq_cst);
+    streaming_ = true;
+  }
+}
+
+bool Mailbox::mayStream() const { return header_->barriersAvailable != 0 && joinProcessBarriers(); }
+
+void Mailbox::notifyConsumer(uint64_t bit) {
+  header_->pending.fetch_or(bit, std::memory_order_seq_cst);
   if (header_->waiterAsleep.load(std::memory_order_seq_cst) != 0 &&
       header_->waiterAsleep.exchange(0, std::memory_order_seq_cst) != 0) {
     header_->wakeSequence.fetch_add(1, std::memory_order_seq_cst);
@@ -316,14 +367,36 @@ LaneView Mailbox::laneView(uint32_t lane) const {
   return LaneView{&header_->lanes[lane], rings_ + size_t{lane} * laneBytes_, laneBytes_, nid_};
 }
 
-// Acquire via the exchange: pairs with producers' fetch_or (see notifyConsumer). The plain load
-// first keeps an idle poll free of a locked instruction.
+// Acquire: pairs with producers' fetch_or (see publish). The bits stay set in the shared word;
+// the consumer clears each when it finds its lane empty. Watched lanes are polled by their tails.
 bool Mailbox::collectPending() {
-  if (header_->pending.load(std::memory_order_relaxed) != 0) {
-    localPending_ |= header_->pending.exchange(0, std::memory_order_acq_rel);
-    anyLocalPending_.store(localPending_ != 0, std::memory_order_relaxed);
+  const uint64_t shared = header_->pending.load(std::memory_order_acquire) & ~watched_;
+  if (shared != 0) setLocalPending(localPending_ | shared);
+  for (uint64_t watched = watched_; watched != 0; watched &= watched - 1) {
+    const uint32_t lane = static_cast<uint32_t>(__builtin_ctzll(watched));
+    if (laneHasRecords(lane)) {
+      watch(lane, false);
+      setLocalPending(localPending_ | uint64_t{1} << lane);
+    }
   }
   return localPending_ != 0;
+}
+
+void Mailbox::setLocalPending(uint64_t lanes) {
+  localPending_ = lanes;
+  anyLocalPending_.store(lanes != 0, std::memory_order_relaxed);
+}
+
+void Mailbox::watch(uint32_t lane, bool on) {
+  const uint64_t bit = uint64_t{1} << lane;
+  watched_ = on ? watched_ | bit : watched_ & ~bit;
+  watchedMirror_.store(watched_, std::memory_order_relaxed);
+}
+
+// Acquire: pairs with the producer's release store of tail.
+bool Mailbox::laneHasRecords(uint32_t lane) const {
+  const LaneControl& control = header_->lanes[lane];
+  return bytesOf(control.tail.load(std::memory_order_acquire)) != bytesOf(control.head.load(std::memory_order_relaxed));
 }
 
 uint32_t Mailbox::nextPendingLane() const {
@@ -331,13 +404,50 @@ uint32_t Mailbox::nextPendingLane() const {
   return (cursor_ + static_cast<uint32_t>(__builtin_ctzll(rotated))) % kLaneCount;
 }
 
-void Mailbox::forgetLane(uint32_t lane) {
-  localPending_ &= ~(uint64_t{1} << lane);
-  anyLocalPending_.store(localPending_ != 0, std::memory_order_relaxed);
+// A lane found empty: a streaming one stays watched with its bit set (the producer goes on without
+// fences); any other has its bit cleared, and then tail is read once more (seq_cst, the consumer's
+// half of the fenced handshake in publish). The mark is read again after the clear: a producer
+// that marked its lane meanwhile may have skipped its fence, and the barrier covers it.
+void Mailbox::laneFoundEmpty(uint32_t lane) {
+  const uint64_t bit = uint64_t{1} << lane;
+  setLocalPending(localPending_ & ~bit);
+  const LaneControl& control = header_->lanes[lane];
+  if (control.streaming.load(std::memory_order_relaxed) != 0) {
+    watch(lane, true);
+    return;
+  }
+  header_->pending.fetch_and(~bit, std::memory_order_seq_cst);
+  if (control.streaming.load(std::memory_order_seq_cst) != 0) barrierAcrossProcesses();
+  if (bytesOf(control.tail.load(std::memory_order_seq_cst)) != bytesOf(control.head.load(std::memory_order_relaxed))) {
+    setLocalPending(localPending_ | bit);
+  }
 }
 
-// A lane is forgotten as soon as head reaches the tail last read: a record published after that
-// read sets the lane's bit in pending again, since its fetch_or comes after our last exchange.
+// Before the consumer sleeps: every watched lane's bit is cleared, then, if any of them still
+// streams, the barrier, then their tails are read again. A record found puts its lane back on the
+// list and the sleep is off. Producers that find their bit cleared fence and announce again.
+bool Mailbox::retireWatchedLanes() {
+  const uint64_t watched = watched_;
+  if (watched == 0) return false;
+  header_->pending.fetch_and(~watched, std::memory_order_seq_cst);
+  bool streaming = false;
+  for (uint64_t lanes = watched; lanes != 0; lanes &= lanes - 1) {
+    streaming |= header_->lanes[__builtin_ctzll(lanes)].streaming.load(std::memory_order_seq_cst) != 0;
+  }
+  if (streaming) barrierAcrossProcesses();
+  watched_ = 0;
+  watchedMirror_.store(0, std::memory_order_relaxed);
+  for (uint64_t lanes = watched; lanes != 0; lanes &= lanes - 1) {
+    const uint32_t lane = static_cast<uint32_t>(__builtin_ctzll(lanes));
+    if (laneHasRecords(lane)) setLocalPending(localPending_ | uint64_t{1} << lane);
+  }
+  return localPending_ != 0;
+}
+
+// Lanes are served round-robin; readLane reads a lane's tail again only once head has reached the
+// tail it read last, so a busy lane costs no shared read per record. A lane is dealt with as soon
+// as head reaches that tail, so that mayHaveRecords does not go on saying yes to a caller that
+// waits without popping.
 void* Mailbox::pop(MessagePool& pool, uint16_t* origin) {
   for (;;) {
     if (localPending_ == 0 && !collectPending()) return nullptr;
@@ -347,13 +457,13 @@ void* Mailbox::pop(MessagePool& pool, uint16_t* origin) {
       case LaneRead::kMessage:
         cursor_ = (lane + 1) % kLaneCount;
         if (bytesOf(header_->lanes[lane].head.load(std::memory_order_relaxed)) == bytesOf(knownTails_[lane])) {
-          forgetLane(lane);
+          laneFoundEmpty(lane);
         }
         return message;
       case LaneRead::kAgain:
         break;
       case LaneRead::kEmpty:
-        forgetLane(lane);
+        laneFoundEmpty(lane);
         break;
       case LaneRead::kNoBuffer:
         return nullptr;
@@ -362,19 +472,23 @@ void* Mailbox::pop(MessagePool& pool, uint16_t* origin) {
 }
 
 void Mailbox::collectAllLanes() {
+  uint64_t lanes = localPending_;
   for (uint32_t lane = 0; lane < kLaneCount; ++lane) {
-    const LaneControl& control = header_->lanes[lane];
-    if (bytesOf(control.head.load(std::memory_order_relaxed)) != bytesOf(control.tail.load(std::memory_order_acquire))) {
-      localPending_ |= uint64_t{1} << lane;
-    }
+    if ((watched_ & uint64_t{1} << lane) == 0 && laneHasRecords(lane)) lanes |= uint64_t{1} << lane;
   }
-  anyLocalPending_.store(localPending_ != 0, std::memory_order_relaxed);
+  setLocalPending(lanes);
 }
 
-// seq_cst load of pending: the second half of the waiter's side of the handshake in
-// notifyConsumer (store waiterAsleep, then load pending).
+// seq_cst load of pending: the second half of the waiter's side of the handshake in publish
+// (store waiterAsleep, then load pending). Watched lanes keep their bits set; their tails tell.
 bool Mailbox::mayHaveRecords() const {
-  return anyLocalPending_.load(std::memory_order_relaxed) || header_->pending.load(std::memory_order_seq_cst) != 0;
+  if (anyLocalPending_.load(std::memory_order_relaxed)) return true;
+  const uint64_t watched = watchedMirror_.load(std::memory_order_relaxed);
+  if ((header_->pending.load(std::memory_order_seq_cst) & ~watched) != 0) return true;
+  for (uint64_t lanes = watched; lanes != 0; lanes &= lanes - 1) {
+    if (laneHasRecords(static_cast<uint32_t>(__builtin_ctzll(lanes)))) return true;
+  }
+  return false;
 }
 
 // The sequence is read before waiterAsleep is set and the summary re-checked; a send that lands
@@ -401,6 +515,7 @@ bool Mailbox::waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spi
 #endif
     }
   }
+  if (retireWatchedLanes()) return true;
   for (;;) {
     const uint32_t sequence = header_->wakeSequence.load(std::memory_order_seq_cst);
     header_->waiterAsleep.store(1, std::memory_order_seq_cst);

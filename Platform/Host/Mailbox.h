@@ -113,11 +113,17 @@ class Mailbox {
   static int createNamed(const std::string& name, uint32_t id, uint32_t laneBytes, std::unique_ptr<Mailbox>* out);
   static int openNamed(const std::string& name, uint32_t id, std::shared_ptr<Mailbox>* out);
   bool claimLane();
-  void notifyConsumer(uint32_t lane);
+  void publish(LaneControl& control);
+  bool mayStream() const;
+  void notifyConsumer(uint64_t bit);
   LaneView laneView(uint32_t lane) const;
   bool collectPending();
+  void setLocalPending(uint64_t lanes);
+  void watch(uint32_t lane, bool on);
+  bool laneHasRecords(uint32_t lane) const;
   uint32_t nextPendingLane() const;
-  void forgetLane(uint32_t lane);
+  void laneFoundEmpty(uint32_t lane);
+  bool retireWatchedLanes();
 
   MailboxHeader* header_;
   unsigned char* rings_;
@@ -134,11 +140,17 @@ class Mailbox {
   int lane_ = -1;
   uint64_t producerTail_ = 0;
   uint32_t knownHead_ = 0;
+  bool streaming_ = false;      // publishing without a fence per record (see publish)
+  uint32_t setBitsInARow_ = 0;  // sends in a row that found the lane's bit still set
 
   // Consumer state: lanes known to have records (collected from the shared summary), where the
   // round-robin continues, and the last tail read per lane.
   uint64_t localPending_ = 0;
   std::atomic<bool> anyLocalPending_{false};  // mirrors localPending_ != 0 for lock-free checks
+  // Streaming lanes found empty, polled by their tails until the consumer sleeps; their bits stay
+  // set in the shared summary meanwhile.
+  uint64_t watched_ = 0;
+  std::atomic<uint64_t> watchedMirror_{0};  // mirrors watched_ for lock-free checks
   uint32_t cursor_ = 0;
   uint64_t knownTails_[kLaneCount] = {};
 };

@@ -21,9 +21,13 @@
 // padded to 8 bytes; a record never wraps: when it does not fit before the end of the ring, a
 // wrap marker fills the rest and the record starts at position 0.
 //
-// Summary: after publishing, a producer sets its lane's bit in `pending` (seq_cst fetch_or; pairs
-// with the consumer's exchange), so the consumer's empty check is one load of that word plus its
-// own process-local state, whatever the number of lanes.
+// Summary: bit i of `pending` says the consumer is to look at lane i. A producer that finds its
+// bit clear after publishing sets it (seq_cst fetch_or); the consumer clears it only when it finds
+// the lane empty, and then reads the lane's tail once more. So the consumer's empty check is one
+// load of that word plus its own process-local state, whatever the number of lanes, and a producer
+// streaming into a lane being drained writes nothing but its records and its own tail. While a
+// lane streams, the consumer keeps watching it even when it runs dry, and takes it off only before
+// it sleeps, imposing a barrier on the producers first (Mailbox::notifyConsumer).
 //
 // Liveness of the node: its server thread holds ownerLock, a robust process-shared mutex, for its
 // whole life and never releases it while it lives. A prober only reads the mutex's futex word:
@@ -41,7 +45,7 @@
 namespace rhyddal {
 
 constexpr uint32_t kMailboxMagic = 0x4D594852;  // "RHYM"
-constexpr uint32_t kMailboxLayoutVersion = 4;
+constexpr uint32_t kMailboxLayoutVersion = 5;
 constexpr uint32_t kLaneCount = 64;
 constexpr uint32_t kRecordAlignment = 8;
 constexpr uint32_t kWrapMarker = 0xFFFFFFFFu;
@@ -71,7 +75,10 @@ struct alignas(8) LockSlot {
 struct alignas(64) LaneControl {
   std::atomic<uint64_t> owner;  // 0: free; else the owning process's identity (pid | start << 32)
   std::atomic<uint64_t> tail;   // published end: records << 32 | bytes, stored by the owner only
-  uint32_t reserved0[12];
+  // 1 while the owner publishes without fencing each record, relying on the consumer to impose a
+  // barrier before it stops watching the lane (see Mailbox::notifyConsumer). Stored by the owner.
+  std::atomic<uint32_t> streaming;
+  uint32_t reserved0[11];
   alignas(64) std::atomic<uint64_t> head;  // consumed: records << 32 | bytes, stored by the node only
   uint32_t reserved1[14];
 };
@@ -90,7 +97,10 @@ struct alignas(64) MailboxHeader {
   // Set by a node whose runtime reads the timing page (rhyddal_host_timing_page_in_use); the
   // timing updater runs at full rate while a live node has it set.
   std::atomic<uint32_t> timingPageInUse;
-  uint32_t reserved0[7];
+  // Set by the owner when it can impose barriers on other processes; producers stream without
+  // fences only then.
+  uint32_t barriersAvailable;
+  uint32_t reserved0[6];
 
   alignas(64) LockSlot ownerLock;
 
@@ -120,10 +130,12 @@ static_assert(sizeof(RecordHeader) == 8 && offsetof(RecordHeader, origin) == 6, 
 static_assert(sizeof(pthread_mutex_t) <= kLockSlotBytes, "the C library mutex fits its slot");
 static_assert(alignof(pthread_mutex_t) <= 8, "the C library mutex fits its slot's alignment");
 static_assert(offsetof(LaneControl, owner) == 0 && offsetof(LaneControl, tail) == 8, "lane layout");
+static_assert(offsetof(LaneControl, streaming) == 16, "lane layout");
 static_assert(offsetof(LaneControl, head) == 64 && sizeof(LaneControl) == 128, "lane layout");
 static_assert(offsetof(MailboxHeader, laneBytes) == 16, "mailbox layout");
 static_assert(offsetof(MailboxHeader, ownerTid) == 28, "mailbox layout");
 static_assert(offsetof(MailboxHeader, timingPageInUse) == 32, "mailbox layout");
+static_assert(offsetof(MailboxHeader, barriersAvailable) == 36, "mailbox layout");
 static_assert(offsetof(MailboxHeader, ownerLock) == 64, "mailbox layout");
 static_assert(offsetof(MailboxHeader, pending) == 128, "mailbox layout");
 static_assert(offsetof(MailboxHeader, wakeSequence) == 136, "mailbox layout");

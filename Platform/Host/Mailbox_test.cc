@@ -12,6 +12,7 @@
 
 #include "HostTestUtil.h"
 #include "MessagePool.h"
+#include "ProcessBarrier.h"
 #include "ProcessIdentity.h"
 
 namespace rhyddal {
@@ -256,6 +257,71 @@ TEST_F(MailboxTest, ARecordWhoseAnnouncementWasLostIsFoundByTheSweep) {
   owner_->collectAllLanes();
   EXPECT_TRUE(owner_->mayHaveRecords());
   EXPECT_TRUE(popsMessage(64, 1));
+}
+
+// A sender that keeps finding its lane announced streams without a fence per record; the
+// consumer watches the lane while it is awake and, before it sleeps, takes it off with a barrier,
+// so the next record wakes it. A caller that waits without popping is never told twice about
+// records it already has.
+TEST_F(MailboxTest, AStreamingSenderIsWatchedWhileTheConsumerIsAwakeAndWakesItOnceItSleeps) {
+  SharedView shared(nid_);
+  constexpr uint32_t kBurst = 40;
+  for (uint32_t seed = 0; seed < kBurst; ++seed) ASSERT_EQ(pushMessage(64, seed), PushResult::kDelivered);
+  LaneControl& lane = shared.header()->lanes[0];
+  ASSERT_EQ(lane.owner.load(), thisProcessIdentity());
+  EXPECT_EQ(lane.streaming.load(), processBarriersAvailable() ? 1u : 0u);
+  for (uint32_t seed = 0; seed < kBurst; ++seed) ASSERT_TRUE(popsMessage(64, seed));
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
+  EXPECT_FALSE(owner_->mayHaveRecords());
+  EXPECT_FALSE(owner_->waitForRecord(0, 1000, 0)) << "nothing is waiting";
+  EXPECT_EQ(shared.header()->pending.load(), 0u) << "the lane was taken off before the sleep";
+
+  std::thread sender([&] {
+    while (shared.header()->waiterAsleep.load() == 0) std::this_thread::yield();
+    pushMessage(64, kBurst);
+  });
+  EXPECT_TRUE(owner_->waitForRecord(kChildTimeoutMs / 1000, 0, 0)) << "the record after the stream woke the consumer";
+  sender.join();
+  EXPECT_TRUE(popsMessage(64, kBurst));
+  EXPECT_EQ(lane.streaming.load(), 0u) << "a sender that finds its lane taken off fences again";
+}
+
+// Bursts of random length from another process, half of them started while the consumer sleeps,
+// which parks as soon as it runs dry: every transition between streaming and fencing is crossed
+// thousands of times, and a lost wake-up shows as a wait that times out with records missing.
+TEST_F(MailboxTest, BurstsAgainstAConsumerThatParksAtOnceLoseNoWakeUp) {
+  constexpr uint32_t kRecords = 100000;
+  SharedView shared(nid_);
+  ChildProcess producer([&] {
+    std::shared_ptr<Mailbox> mine;
+    if (Mailbox::open(nid_, &mine) != 0) return 1;
+    uint32_t random = 12345;
+    for (uint32_t seed = 0; seed < kRecords;) {
+      random = random * 1103515245u + 12345u;
+      const uint32_t burst = 1 + (random >> 16) % 100;
+      for (uint32_t i = 0; i < burst && seed < kRecords; ++i, ++seed) {
+        writeTestMessage(scratch_, 64, 0, 0, static_cast<uint16_t>(seed));
+        while (mine->push(scratch_, 64, RecordKind::kMessage) == PushResult::kFull) sched_yield();
+      }
+      if ((random & 0x100) != 0 && seed < kRecords) {
+        while (shared.header()->waiterAsleep.load() == 0) sched_yield();
+      }
+    }
+    return 0;
+  });
+  for (uint32_t seed = 0; seed < kRecords;) {
+    while (void* message = owner_->pop(pool_)) {
+      const bool expected = isTestMessage(message, 64, static_cast<uint16_t>(seed));
+      pool_.release(message);
+      ASSERT_TRUE(expected) << "record " << seed;
+      ++seed;
+    }
+    if (seed < kRecords) {
+      ASSERT_TRUE(owner_->waitForRecord(kChildTimeoutMs / 1000, 0, 0)) << "stuck after " << seed;
+    }
+  }
+  EXPECT_EQ(producer.wait(), 0);
+  EXPECT_EQ(owner_->pop(pool_), nullptr);
 }
 
 TEST(MailboxLiveness, ANodeIdIsTakenOverOnlyFromADeadNode) {

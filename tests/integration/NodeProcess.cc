@@ -29,6 +29,7 @@ namespace {
 constexpr auto kShownLivePollPeriod = std::chrono::milliseconds(10);
 constexpr auto kShownLiveTimeout = std::chrono::seconds(10);
 constexpr auto kProgramRunLimit = std::chrono::minutes(1);
+constexpr int kOutputPipeBytes = 1 << 20;  // Linux's default limit for unprivileged processes
 
 // A node stopped by SIGINT or SIGTERM exits from the signal handler, so that the atexit handlers
 // run (the host platform removes the node's mailbox in one, allocating). A thread-sanitized node
@@ -84,6 +85,10 @@ void NodeProcess::start(const std::vector<std::string>& command, const std::vect
   close(fds[1]);
   m_outputFd = fds[0];
   fcntl(m_outputFd, F_SETFL, O_NONBLOCK);
+  // The pipe is read only while the test waits for output; a node that prints steadily meanwhile
+  // (a pinging EU, a log collector) must not block in write and fall behind its own queue.
+  // Best effort: the system's limit for unprivileged pipes may be lower.
+  fcntl(m_outputFd, F_SETPIPE_SZ, kOutputPipeBytes);
 }
 
 NodeProcess::~NodeProcess() {

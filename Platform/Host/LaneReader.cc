@@ -48,6 +48,20 @@ void discardLane(const LaneView& lane, uint64_t head, uint64_t tail) {
   storeHead(lane, tail);
 }
 
+// The lines the sender just published are in its processor's cache: asking for all of them now
+// overlaps their transfers instead of taking one miss after another as the records are read.
+void prefetchPublished(const LaneView& lane, uint64_t head, uint64_t tail) {
+  constexpr uint32_t kLineBytes = 64;
+  constexpr uint32_t kMaxLines = 8;
+  const uint32_t position = bytesOf(head) & (lane.laneBytes - 1);
+  const uint32_t published = bytesOf(tail) - bytesOf(head);
+  const uint32_t untilEnd = lane.laneBytes - position;
+  const uint32_t bytes = published < untilEnd ? published : untilEnd;
+  for (uint32_t offset = 0; offset < bytes && offset < kMaxLines * kLineBytes; offset += kLineBytes) {
+    __builtin_prefetch(lane.ring + position + offset);
+  }
+}
+
 }  // namespace
 
 LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, void** message, uint16_t* origin) {
@@ -55,6 +69,7 @@ LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, 
   if (bytesOf(head) == bytesOf(*knownTail)) {
     *knownTail = lane.control->tail.load(std::memory_order_acquire);
     if (bytesOf(head) == bytesOf(*knownTail)) return LaneRead::kEmpty;
+    prefetchPublished(lane, head, *knownTail);
   }
   const uint64_t tail = *knownTail;
   const uint32_t available = bytesOf(tail) - bytesOf(head);

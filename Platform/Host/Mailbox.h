@@ -83,11 +83,14 @@ class Mailbox {
   // publishing and announcing). Costs two loads per lane: for slow paths (a timed-out wait).
   void collectAllLanes();
 
-  // Any thread, no lock: false only when no record can be waiting. Two loads.
+  // Any thread, no lock: false only when no record can be waiting. A few loads: the summary word,
+  // and the tails of the streaming lanes the consumer watches.
   bool mayHaveRecords() const;
   // Spins up to spinNs (never past the deadline), then sleeps until a record may be waiting or the
   // time has passed (seconds kNoTimeLimit: no limit). True when a record may be waiting.
   // While spinning, every yieldEvery empty checks the CPU goes to any other thread waiting for it.
+  // Before it sleeps it stops watching streaming lanes, which costs a barrier on their senders'
+  // processes (about 10 us) when one of them still streams.
   bool waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs, uint32_t yieldEvery = kSpinYieldEvery);
 
   // Fill level, read by anyone (the queue table). Never skewed by a sender that died mid-send.

@@ -393,10 +393,11 @@ void Mailbox::watch(uint32_t lane, bool on) {
   watchedMirror_.store(watched_, std::memory_order_relaxed);
 }
 
-// Acquire: pairs with the producer's release store of tail.
-bool Mailbox::laneHasRecords(uint32_t lane) const {
+// Acquire at least: pairs with the producer's release store of tail. Seq_cst after clearing a
+// lane's bit (the consumer's half of the handshake in publish).
+bool Mailbox::laneHasRecords(uint32_t lane, std::memory_order order) const {
   const LaneControl& control = header_->lanes[lane];
-  return bytesOf(control.tail.load(std::memory_order_acquire)) != bytesOf(control.head.load(std::memory_order_relaxed));
+  return bytesOf(control.tail.load(order)) != bytesOf(control.head.load(std::memory_order_relaxed));
 }
 
 uint32_t Mailbox::nextPendingLane() const {
@@ -405,9 +406,9 @@ uint32_t Mailbox::nextPendingLane() const {
 }
 
 // A lane found empty: a streaming one stays watched with its bit set (the producer goes on without
-// fences); any other has its bit cleared, and then tail is read once more (seq_cst, the consumer's
-// half of the fenced handshake in publish). The mark is read again after the clear: a producer
-// that marked its lane meanwhile may have skipped its fence, and the barrier covers it.
+// fences); any other has its bit cleared, and then tail is read once more. The mark is read again
+// after the clear: a producer that marked its lane meanwhile may have skipped its fence, and the
+// barrier covers it.
 void Mailbox::laneFoundEmpty(uint32_t lane) {
   const uint64_t bit = uint64_t{1} << lane;
   setLocalPending(localPending_ & ~bit);
@@ -418,9 +419,7 @@ void Mailbox::laneFoundEmpty(uint32_t lane) {
   }
   header_->pending.fetch_and(~bit, std::memory_order_seq_cst);
   if (control.streaming.load(std::memory_order_seq_cst) != 0) barrierAcrossProcesses();
-  if (bytesOf(control.tail.load(std::memory_order_seq_cst)) != bytesOf(control.head.load(std::memory_order_relaxed))) {
-    setLocalPending(localPending_ | bit);
-  }
+  if (laneHasRecords(lane, std::memory_order_seq_cst)) setLocalPending(localPending_ | bit);
 }
 
 // Before the consumer sleeps: every watched lane's bit is cleared, then, if any of them still
@@ -439,7 +438,7 @@ bool Mailbox::retireWatchedLanes() {
   watchedMirror_.store(0, std::memory_order_relaxed);
   for (uint64_t lanes = watched; lanes != 0; lanes &= lanes - 1) {
     const uint32_t lane = static_cast<uint32_t>(__builtin_ctzll(lanes));
-    if (laneHasRecords(lane)) setLocalPending(localPending_ | uint64_t{1} << lane);
+    if (laneHasRecords(lane, std::memory_order_seq_cst)) setLocalPending(localPending_ | uint64_t{1} << lane);
   }
   return localPending_ != 0;
 }

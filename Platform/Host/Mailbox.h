@@ -123,7 +123,7 @@ class Mailbox {
   bool collectPending();
   void setLocalPending(uint64_t lanes);
   void watch(uint32_t lane, bool on);
-  bool laneHasRecords(uint32_t lane) const;
+  bool laneHasRecords(uint32_t lane, std::memory_order order = std::memory_order_acquire) const;
   uint32_t nextPendingLane() const;
   void laneFoundEmpty(uint32_t lane);
   bool retireWatchedLanes();

@@ -406,41 +406,43 @@ uint32_t Mailbox::nextPendingLane() const {
 }
 
 // A lane found empty: a streaming one stays watched with its bit set (the producer goes on without
-// fences); any other has its bit cleared, and then tail is read once more. The mark is read again
-// after the clear: a producer that marked its lane meanwhile may have skipped its fence, and the
-// barrier covers it.
+// fences); any other is taken off the list at once.
 void Mailbox::laneFoundEmpty(uint32_t lane) {
   const uint64_t bit = uint64_t{1} << lane;
   setLocalPending(localPending_ & ~bit);
-  const LaneControl& control = header_->lanes[lane];
-  if (control.streaming.load(std::memory_order_relaxed) != 0) {
+  if (header_->lanes[lane].streaming.load(std::memory_order_relaxed) != 0) {
     watch(lane, true);
     return;
   }
-  header_->pending.fetch_and(~bit, std::memory_order_seq_cst);
-  if (control.streaming.load(std::memory_order_seq_cst) != 0) barrierAcrossProcesses();
-  if (laneHasRecords(lane, std::memory_order_seq_cst)) setLocalPending(localPending_ | bit);
+  takeOff(bit);
 }
 
-// Before the consumer sleeps: every watched lane's bit is cleared, then, if any of them still
-// streams, the barrier, then their tails are read again. A record found puts its lane back on the
-// list and the sleep is off. Producers that find their bit cleared fence and announce again.
+// Before the consumer sleeps, the watched lanes go too. True when one of them has a record after
+// all: its lane is back on the list and the sleep is off.
 bool Mailbox::retireWatchedLanes() {
   const uint64_t watched = watched_;
   if (watched == 0) return false;
-  header_->pending.fetch_and(~watched, std::memory_order_seq_cst);
-  bool streaming = false;
-  for (uint64_t lanes = watched; lanes != 0; lanes &= lanes - 1) {
-    streaming |= header_->lanes[__builtin_ctzll(lanes)].streaming.load(std::memory_order_seq_cst) != 0;
-  }
-  if (streaming) barrierAcrossProcesses();
   watched_ = 0;
   watchedMirror_.store(0, std::memory_order_relaxed);
-  for (uint64_t lanes = watched; lanes != 0; lanes &= lanes - 1) {
-    const uint32_t lane = static_cast<uint32_t>(__builtin_ctzll(lanes));
+  takeOff(watched);
+  return localPending_ != 0;
+}
+
+// The consumer's half of the handshake in publish: the lanes' bits are cleared, then their marks
+// read (a producer still streaming, or one that marked its lane meanwhile, may have skipped its
+// fence: the barrier covers it), then their tails read once more, all seq_cst. A lane with a record
+// goes back on the list; producers that find their bit cleared fence and announce again.
+void Mailbox::takeOff(uint64_t lanes) {
+  header_->pending.fetch_and(~lanes, std::memory_order_seq_cst);
+  bool streaming = false;
+  for (uint64_t rest = lanes; rest != 0; rest &= rest - 1) {
+    streaming |= header_->lanes[__builtin_ctzll(rest)].streaming.load(std::memory_order_seq_cst) != 0;
+  }
+  if (streaming) barrierAcrossProcesses();
+  for (uint64_t rest = lanes; rest != 0; rest &= rest - 1) {
+    const uint32_t lane = static_cast<uint32_t>(__builtin_ctzll(rest));
     if (laneHasRecords(lane, std::memory_order_seq_cst)) setLocalPending(localPending_ | uint64_t{1} << lane);
   }
-  return localPending_ != 0;
 }
 
 // Lanes are served round-robin; readLane reads a lane's tail again only once head has reached the

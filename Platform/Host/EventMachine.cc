@@ -179,7 +179,7 @@ void EventMachine::free(void* buffer) {
 
 void* EventMachine::receive(uint32_t nid) {
   Mailbox* own = own_.load(std::memory_order_acquire);
-  if (own == nullptr || nid != ownNid_.load(std::memory_order_relaxed) || !own->mayHaveRecords()) return nullptr;
+  if (own == nullptr || nid != ownNid_.load(std::memory_order_relaxed) || !own->worthPopping()) return nullptr;
   ProcessLockGuard guard(lock_);
   return own->pop(pool_);
 }

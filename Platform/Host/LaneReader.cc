@@ -48,9 +48,10 @@ void discardLane(const LaneView& lane, uint64_t head, uint64_t tail) {
   storeHead(lane, tail);
 }
 
-// The lines the sender just published are in its processor's cache: asking for all of them now
-// overlaps their transfers instead of taking one miss after another as the records are read.
-void prefetchPublished(const LaneView& lane, uint64_t head, uint64_t tail) {
+}  // namespace
+
+void prefetchPublished(const LaneView& lane, uint64_t tail) {
+  const uint64_t head = lane.control->head.load(std::memory_order_relaxed);
   constexpr uint32_t kLineBytes = 64;
   constexpr uint32_t kMaxLines = 8;
   const uint32_t position = bytesOf(head) & (lane.laneBytes - 1);
@@ -62,14 +63,12 @@ void prefetchPublished(const LaneView& lane, uint64_t head, uint64_t tail) {
   }
 }
 
-}  // namespace
-
 LaneRead readLane(const LaneView& lane, uint64_t* knownTail, MessagePool& pool, void** message, uint16_t* origin) {
   const uint64_t head = lane.control->head.load(std::memory_order_relaxed);  // stored by us only
   if (bytesOf(head) == bytesOf(*knownTail)) {
     *knownTail = lane.control->tail.load(std::memory_order_acquire);
     if (bytesOf(head) == bytesOf(*knownTail)) return LaneRead::kEmpty;
-    prefetchPublished(lane, head, *knownTail);
+    prefetchPublished(lane, *knownTail);
   }
   const uint64_t tail = *knownTail;
   const uint32_t available = bytesOf(tail) - bytesOf(head);

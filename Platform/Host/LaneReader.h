@@ -26,6 +26,11 @@ struct LaneView {
   uint32_t nid;         // for messages on stderr
 };
 
+// The lines the sender published beyond head are in its processor's cache: asking for all of them
+// (up to a few) as soon as the new tail is known overlaps their transfers instead of taking one
+// miss after another as the records are read.
+void prefetchPublished(const LaneView& lane, uint64_t tail);
+
 // Reads the next record of a lane. *knownTail is the consumer's copy of the lane's tail: reloaded
 // (acquire, pairing with the producer's release store of tail) only when head has caught up with
 // it, so a busy lane costs the consumer no load of the producer's cache line per record. Never

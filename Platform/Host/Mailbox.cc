@@ -374,7 +374,12 @@ bool Mailbox::collectPending() {
   if (shared != 0) setLocalPending(localPending_ | shared);
   for (uint64_t watched = watched_; watched != 0; watched &= watched - 1) {
     const uint32_t lane = static_cast<uint32_t>(__builtin_ctzll(watched));
-    if (laneHasRecords(lane)) {
+    // The tail read here is the one readLane goes on with: while the consumer keeps pace with a
+    // stream, nearly every read of a tail is a miss, its line last written by the producer.
+    const uint64_t tail = header_->lanes[lane].tail.load(std::memory_order_acquire);
+    if (bytesOf(tail) != bytesOf(header_->lanes[lane].head.load(std::memory_order_relaxed))) {
+      knownTails_[lane] = tail;
+      prefetchPublished(laneView(lane), tail);
       watch(lane, false);
       setLocalPending(localPending_ | uint64_t{1} << lane);
     }
@@ -478,6 +483,11 @@ void Mailbox::collectAllLanes() {
     if ((watched_ & uint64_t{1} << lane) == 0 && laneHasRecords(lane)) lanes |= uint64_t{1} << lane;
   }
   setLocalPending(lanes);
+}
+
+bool Mailbox::worthPopping() const {
+  if (anyLocalPending_.load(std::memory_order_relaxed) || watchedMirror_.load(std::memory_order_relaxed) != 0) return true;
+  return header_->pending.load(std::memory_order_acquire) != 0;
 }
 
 // seq_cst load of pending: the second half of the waiter's side of the handshake in publish

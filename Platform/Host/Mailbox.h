@@ -86,6 +86,10 @@ class Mailbox {
   // Any thread, no lock: false only when no record can be waiting. A few loads: the summary word,
   // and the tails of the streaming lanes the consumer watches.
   bool mayHaveRecords() const;
+  // Any thread, no lock: false when pop would find nothing without reading any lane's tail. For a
+  // caller about to pop: pop reads each watched lane's tail once, where mayHaveRecords first would
+  // read it twice.
+  bool worthPopping() const;
   // Spins up to spinNs (never past the deadline), then sleeps until a record may be waiting or the
   // time has passed (seconds kNoTimeLimit: no limit). True when a record may be waiting.
   // While spinning, every yieldEvery empty checks the CPU goes to any other thread waiting for it.

@@ -303,19 +303,18 @@ bool Mailbox::claimLane() {
   return true;
 }
 
-// A lane's bit in pending stays set while the consumer drains the lane; only the consumer clears
-// it, after finding the lane empty. So a producer that finds its bit set has nothing to announce.
+// A lane's bit in pending stays set while the consumer is awake; only the consumer clears it, on its
+// way to sleep. So a producer that finds its bit set has nothing to announce.
 //
 // Fenced, the default: our seq_cst store of tail precedes our seq_cst load of pending; if that load
 // still saw the bit, it precedes the consumer's seq_cst fetch_and clearing it, which precedes the
-// consumer's seq_cst re-read of tail (laneFoundEmpty), and so that re-read sees the record.
+// consumer's seq_cst re-read of tail (takeOff), and so that re-read sees the record.
 //
 // Streaming: that fence costs a cross-core round trip of the tail's cache line per message. A
 // producer that finds its bit still set kStreamAfterSetBits times in a row (the consumer is behind,
 // so the traffic is a stream) marks its lane streaming and, from then on, stores tail with release
-// and reads pending without a fence. The consumer keeps watching a streaming lane when it runs dry,
-// and before it stops (retireWatchedLanes, on the way to sleep) it clears the bits and imposes a
-// barrier on the producers, after which every record whose producer saw its bit set is visible.
+// and reads pending without a fence. Before the consumer stops watching (retireWatchedLanes, on the
+// way to sleep) it clears the bits and, when a lane streams, imposes a barrier on the producers, after which every record whose producer saw its bit set is visible.
 // The mark is a seq_cst store followed by our seq_cst loads of pending, against the consumer's
 // seq_cst fetch_and of the bit followed by its seq_cst load of the mark: either the consumer sees
 // the mark, or we see the bit cleared and fence again. A producer that finds its bit cleared stops
@@ -410,16 +409,14 @@ uint32_t Mailbox::nextPendingLane() const {
   return (cursor_ + static_cast<uint32_t>(__builtin_ctzll(rotated))) % kLaneCount;
 }
 
-// A lane found empty: a streaming one stays watched with its bit set (the producer goes on without
-// fences); any other is taken off the list at once.
+// A lane found empty stays watched, its bit still set, until the consumer is about to sleep. Were it
+// taken off at once, a consumer that keeps pace with a fenced producer would clear the bit after
+// nearly every record, the producer would never find it set often enough to start streaming, and
+// the pair would settle at the fenced rate for good: the stream would run at either rate depending
+// on how it started. Kept set, the bit tells the producer the consumer is awake and polling.
 void Mailbox::laneFoundEmpty(uint32_t lane) {
-  const uint64_t bit = uint64_t{1} << lane;
-  setLocalPending(localPending_ & ~bit);
-  if (header_->lanes[lane].streaming.load(std::memory_order_relaxed) != 0) {
-    watch(lane, true);
-    return;
-  }
-  takeOff(bit);
+  setLocalPending(localPending_ & ~(uint64_t{1} << lane));
+  watch(lane, true);
 }
 
 // Before the consumer sleeps, the watched lanes go too. True when one of them has a record after

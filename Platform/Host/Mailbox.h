@@ -84,7 +84,7 @@ class Mailbox {
   void collectAllLanes();
 
   // Any thread, no lock: false only when no record can be waiting. A few loads: the summary word,
-  // and the tails of the streaming lanes the consumer watches.
+  // and the tails of the lanes the consumer watches.
   bool mayHaveRecords() const;
   // Any thread, no lock: false when pop would find nothing without reading any lane's tail. For a
   // caller about to pop: pop reads each watched lane's tail once, where mayHaveRecords first would
@@ -93,8 +93,8 @@ class Mailbox {
   // Spins up to spinNs (never past the deadline), then sleeps until a record may be waiting or the
   // time has passed (seconds kNoTimeLimit: no limit). True when a record may be waiting.
   // While spinning, every yieldEvery empty checks the CPU goes to any other thread waiting for it.
-  // Before it sleeps it stops watching streaming lanes, which costs a barrier on their senders'
-  // processes (about 10 us) when one of them still streams.
+  // Before it sleeps it stops watching the lanes it drained, which costs a barrier on their senders'
+  // processes (about 10 us) when one of them streams.
   bool waitForRecord(uint32_t seconds, uint32_t nanoseconds, uint64_t spinNs, uint32_t yieldEvery = kSpinYieldEvery);
 
   // Fill level, read by anyone (the queue table). Never skewed by a sender that died mid-send.
@@ -155,8 +155,8 @@ class Mailbox {
   // round-robin continues, and the last tail read per lane.
   uint64_t localPending_ = 0;
   std::atomic<bool> anyLocalPending_{false};  // mirrors localPending_ != 0 for lock-free checks
-  // Streaming lanes found empty, polled by their tails until the consumer sleeps; their bits stay
-  // set in the shared summary meanwhile.
+  // Lanes found empty, polled by their tails until the consumer sleeps; their bits stay set in the
+  // shared summary meanwhile.
   uint64_t watched_ = 0;
   std::atomic<uint64_t> watchedMirror_{0};  // mirrors watched_ for lock-free checks
   uint32_t cursor_ = 0;

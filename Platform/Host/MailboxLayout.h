@@ -22,12 +22,11 @@
 // wrap marker fills the rest and the record starts at position 0.
 //
 // Summary: bit i of `pending` says the consumer is to look at lane i. A producer that finds its
-// bit clear after publishing sets it (seq_cst fetch_or); the consumer clears it only when it finds
-// the lane empty, and then reads the lane's tail once more. So the consumer's empty check is one
-// load of that word plus its own process-local state, whatever the number of lanes, and a producer
-// streaming into a lane being drained writes nothing but its records and its own tail. While a
-// lane streams, the consumer keeps watching it even when it runs dry, and takes it off only before
-// it sleeps, imposing a barrier on the producers first (Mailbox::notifyConsumer).
+// bit clear after publishing sets it (seq_cst fetch_or). The consumer keeps the bit set while it is
+// awake: a lane it has drained it watches, polling the lane's tail. Only before it sleeps does it
+// clear the bits of the lanes it watches, imposing a barrier on their producers first when one of
+// them streams, and then it reads their tails once more (Mailbox::publish). So a producer sending
+// to an awake consumer writes nothing but its records and its own tail.
 //
 // Liveness of the node: its server thread holds ownerLock, a robust process-shared mutex, for its
 // whole life and never releases it while it lives. A prober only reads the mutex's futex word:

@@ -286,6 +286,22 @@ TEST_F(MailboxTest, AStreamingSenderIsWatchedWhileTheConsumerIsAwakeAndWakesItOn
   EXPECT_EQ(lane.streaming.load(), 0u) << "a sender that finds its lane taken off fences again";
 }
 
+// A consumer that keeps pace drains the lane after every record. It keeps the lane's bit set while
+// it is awake, so the sender comes to stream instead of fencing and announcing every record.
+TEST_F(MailboxTest, ASenderToAnAwakeConsumerThatKeepsPaceComesToStream) {
+  SharedView shared(nid_);
+  constexpr uint32_t kRecords = 40;
+  for (uint32_t seed = 0; seed < kRecords; ++seed) {
+    ASSERT_EQ(pushMessage(64, seed), PushResult::kDelivered);
+    ASSERT_TRUE(popsMessage(64, seed));
+    ASSERT_EQ(owner_->pop(pool_), nullptr);
+  }
+  EXPECT_EQ(shared.header()->lanes[0].streaming.load(), processBarriersAvailable() ? 1u : 0u);
+  EXPECT_NE(shared.header()->pending.load(), 0u) << "an awake consumer keeps the bit set";
+  EXPECT_FALSE(owner_->waitForRecord(0, 1000, 0));
+  EXPECT_EQ(shared.header()->pending.load(), 0u) << "the lane was taken off before the sleep";
+}
+
 // Bursts of random length from another process, half of them started while the consumer sleeps,
 // which parks as soon as it runs dry: every transition between streaming and fencing is crossed
 // thousands of times, and a lost wake-up shows as a wait that times out with records missing.

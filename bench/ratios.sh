@@ -27,6 +27,10 @@
 #                                pair's, each pair's two sides on CPUs 0 and 1 (target <= 1.3)
 #   xhost_stream_over_bare_zmq   one-way messages per second between the same nodes over the bare
 #                                pair's, both with the receiver granting credit (target >= 0.5)
+# and, as context for the figures between processes, cross_cpu_line_transfer_ns_first and _last:
+# the time one cache line takes to move between CPUs 0 and 1, before and after the rest (on a
+# virtual machine it follows where the host places the virtual CPUs, and it moves the stream and
+# spinning figures with it).
 # Figures are medians of repetitions. Usage: bench/ratios.sh [build dir]   (default build/native;
 # build it as RelWithDebInfo or Release).
 set -euo pipefail
@@ -46,12 +50,13 @@ run() {
     --benchmark_format=json 2>/dev/null |
     awk -v label="$label" '
       /"name":/ { name = $2; gsub(/[",]/, "", name) }
-      /"(items_per_second|p50_us|one_way_msgs_per_s|node_p50_us|timerfd_p50_us)":/ {
+      /"(items_per_second|p50_us|one_way_msgs_per_s|node_p50_us|timerfd_p50_us|one_way_ns)":/ {
         key = $1; gsub(/[":]/, "", key); value = $2; gsub(/,/, "", value)
         if (name ~ /_median$/) { benchmark = name; sub(/_median$/, "", benchmark); print label, benchmark, key, value }
       }' | tee -a "$results" >&2
 }
 
+run first apart CrossCpu_benchmark 'CacheLineHandOff'
 run apart apart LocalPingPong_benchmark 'LocalPingPong/Reply'
 run apart apart NodePingPong_benchmark 'NodeStream|BareRingRoundTripPolling'
 RHYDDAL_SPIN_US=0 run apart-parking apart NodePingPong_benchmark 'NodeRoundTrip|BareRingRoundTrip/'
@@ -61,12 +66,18 @@ run same same TimerLateness_benchmark '.'
 run same same HistoryLog_benchmark '.'
 run same same MsgFilterLog_benchmark 'BM_FilterLog/'
 run xhost apart CrossHost_benchmark '.'
+run last apart CrossCpu_benchmark 'CacheLineHandOff'
 
 value() { awk -v p="$1" -v b="$2" -v k="$3" '$1 == p && ($2 == b || index($2, b "/") == 1) && $3 == k { print $4; exit }' "$results"; }
 ratio() {
   local name=$1 numerator=$2 denominator=$3
   if [ -z "$numerator" ] || [ -z "$denominator" ]; then echo "$name missing"; return; fi
   awk -v n="$numerator" -v d="$denominator" -v name="$name" 'BEGIN { printf "%s %.3f\n", name, n / d }'
+}
+figure() {
+  local name=$1 measured=$2
+  if [ -z "$measured" ]; then echo "$name missing"; return; fi
+  awk -v v="$measured" -v name="$name" 'BEGIN { printf "%s %.1f\n", name, v }'
 }
 
 echo
@@ -93,3 +104,5 @@ ratio filter_miss_over_noop_log "$(value same BM_FilterLog/NoOpLog items_per_sec
 ratio xhost_rtt_p50_over_bare_zmq "$(value xhost BM_CrossHostRoundTrip p50_us)" "$(value xhost BM_BareZmqRoundTrip p50_us)"
 ratio xhost_stream_over_bare_zmq "$(value xhost BM_CrossHostStream one_way_msgs_per_s)" \
   "$(value xhost BM_BareZmqStream one_way_msgs_per_s)"
+figure cross_cpu_line_transfer_ns_first "$(value first BM_CacheLineHandOff one_way_ns)"
+figure cross_cpu_line_transfer_ns_last "$(value last BM_CacheLineHandOff one_way_ns)"

@@ -314,7 +314,8 @@ bool Mailbox::claimLane() {
 // producer that finds its bit still set kStreamAfterSetBits times in a row (the consumer is behind,
 // so the traffic is a stream) marks its lane streaming and, from then on, stores tail with release
 // and reads pending without a fence. Before the consumer stops watching (retireWatchedLanes, on the
-// way to sleep) it clears the bits and, when a lane streams, imposes a barrier on the producers, after which every record whose producer saw its bit set is visible.
+// way to sleep) it clears the bits and, when a lane streams, imposes a barrier on the producers,
+// after which every record whose producer saw its bit set is visible.
 // The mark is a seq_cst store followed by our seq_cst loads of pending, against the consumer's
 // seq_cst fetch_and of the bit followed by its seq_cst load of the mark: either the consumer sees
 // the mark, or we see the bit cleared and fence again. A producer that finds its bit cleared stops
@@ -411,9 +412,9 @@ uint32_t Mailbox::nextPendingLane() const {
 
 // A lane found empty stays watched, its bit still set, until the consumer is about to sleep. Were it
 // taken off at once, a consumer that keeps pace with a fenced producer would clear the bit after
-// nearly every record, the producer would never find it set often enough to start streaming, and
-// the pair would settle at the fenced rate for good: the stream would run at either rate depending
-// on how it started. Kept set, the bit tells the producer the consumer is awake and polling.
+// nearly every record, and the producer would never find it set often enough to start streaming:
+// it would fence and announce every record for as long as the consumer kept pace. Kept set, the
+// bit tells the producer the consumer is awake and polling.
 void Mailbox::laneFoundEmpty(uint32_t lane) {
   setLocalPending(localPending_ & ~(uint64_t{1} << lane));
   watch(lane, true);
@@ -483,7 +484,8 @@ void Mailbox::collectAllLanes() {
 }
 
 bool Mailbox::worthPopping() const {
-  if (anyLocalPending_.load(std::memory_order_relaxed) || watchedMirror_.load(std::memory_order_relaxed) != 0) return true;
+  if (anyLocalPending_.load(std::memory_order_relaxed)) return true;
+  if (watchedMirror_.load(std::memory_order_relaxed) != 0) return true;
   return header_->pending.load(std::memory_order_acquire) != 0;
 }
 

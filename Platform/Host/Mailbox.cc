@@ -308,7 +308,7 @@ bool Mailbox::claimLane() {
 //
 // Fenced, the default: our seq_cst store of tail precedes our seq_cst load of pending; if that load
 // still saw the bit, it precedes the consumer's seq_cst fetch_and clearing it, which precedes the
-// consumer's seq_cst re-read of tail (takeOff), and so that re-read sees the record.
+// consumer's seq_cst re-read of tail (retireWatchedLanes), and so that re-read sees the record.
 //
 // Streaming: that fence costs a cross-core round trip of the tail's cache line per message. A
 // producer that finds its bit still set kStreamAfterSetBits times in a row (the consumer is behind,
@@ -420,32 +420,27 @@ void Mailbox::laneFoundEmpty(uint32_t lane) {
   watch(lane, true);
 }
 
-// Before the consumer sleeps, the watched lanes go too. True when one of them has a record after
-// all: its lane is back on the list and the sleep is off.
+// Before the consumer sleeps, the watched lanes go: the consumer's half of the handshake in
+// publish. Their bits are cleared, then their marks read (a producer still streaming, or one that
+// marked its lane meanwhile, may have skipped its fence: the barrier covers it), then their tails
+// read once more, all seq_cst. A lane with a record goes back on the list and the sleep is off
+// (true); producers that find their bit cleared fence and announce again.
 bool Mailbox::retireWatchedLanes() {
   const uint64_t watched = watched_;
   if (watched == 0) return false;
   watched_ = 0;
   watchedMirror_.store(0, std::memory_order_relaxed);
-  takeOff(watched);
-  return localPending_ != 0;
-}
-
-// The consumer's half of the handshake in publish: the lanes' bits are cleared, then their marks
-// read (a producer still streaming, or one that marked its lane meanwhile, may have skipped its
-// fence: the barrier covers it), then their tails read once more, all seq_cst. A lane with a record
-// goes back on the list; producers that find their bit cleared fence and announce again.
-void Mailbox::takeOff(uint64_t lanes) {
-  header_->pending.fetch_and(~lanes, std::memory_order_seq_cst);
+  header_->pending.fetch_and(~watched, std::memory_order_seq_cst);
   bool streaming = false;
-  for (uint64_t rest = lanes; rest != 0; rest &= rest - 1) {
+  for (uint64_t rest = watched; rest != 0; rest &= rest - 1) {
     streaming |= header_->lanes[__builtin_ctzll(rest)].streaming.load(std::memory_order_seq_cst) != 0;
   }
   if (streaming) barrierAcrossProcesses();
-  for (uint64_t rest = lanes; rest != 0; rest &= rest - 1) {
+  for (uint64_t rest = watched; rest != 0; rest &= rest - 1) {
     const uint32_t lane = static_cast<uint32_t>(__builtin_ctzll(rest));
     if (laneHasRecords(lane, std::memory_order_seq_cst)) setLocalPending(localPending_ | uint64_t{1} << lane);
   }
+  return localPending_ != 0;
 }
 
 // Lanes are served round-robin; readLane reads a lane's tail again only once head has reached the

@@ -131,7 +131,6 @@ class Mailbox {
   uint32_t nextPendingLane() const;
   void laneFoundEmpty(uint32_t lane);
   bool retireWatchedLanes();
-  void takeOff(uint64_t lanes);
 
   MailboxHeader* header_;
   unsigned char* rings_;

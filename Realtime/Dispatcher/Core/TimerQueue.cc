@@ -118,10 +118,12 @@ bool TimerQueue::takeExpired(Expiry& expiry) {
   return true;
 }
 
+// Only armed entries: release zeroes a free entry's remaining time, so the others never count.
 bool TimerQueue::nextDeadline(uint32_t& seconds, uint32_t& nanoseconds) const {
   uint64_t nearest = kMaxDeadline;
-  for (const Entry& entry : m_entries) {
-    if (entry.remaining != 0 && entry.remaining < nearest) nearest = entry.remaining;
+  for (uint32_t armed = m_armed; armed != 0; armed &= armed - 1) {
+    const uint64_t remaining = m_entries[__builtin_ctz(armed)].remaining;
+    if (remaining != 0 && remaining < nearest) nearest = remaining;
   }
   if (nearest == kMaxDeadline) return false;
   seconds = static_cast<uint32_t>(nearest / LteTime::BasicTimeUnitsPerSecond);

@@ -213,10 +213,15 @@ TEST_F(TimerQueueTest, NextDeadlineIsTheNearestTimerInSecondsAndNanoseconds) {
   EXPECT_EQ(seconds, 139u);
   EXPECT_EQ(nanoseconds, 810133268u);
   arm(4, 60 * kSecond);
-  arm(5, 46080000);
+  const unsigned nearest = arm(5, 46080000);
   ASSERT_TRUE(queue.nextDeadline(seconds, nanoseconds));
   EXPECT_EQ(seconds, 1u);
   EXPECT_EQ(nanoseconds, 500000000u);
+  // A cancelled timer no longer shortens the wait.
+  queue.deactivate(nearest);
+  ASSERT_TRUE(queue.nextDeadline(seconds, nanoseconds));
+  EXPECT_EQ(seconds, 60u);
+  EXPECT_EQ(nanoseconds, 0u);
 }
 
 }  // namespace

@@ -95,6 +95,10 @@ void SysLogCollector::start() {
   } else {
     report("collecting the system log on node 0x%04x%s", AaSysComGetOwnNid(), m_hooks.quiet ? " (quiet)" : "");
   }
+  if (m_hooks.takeStandingAlias) {
+    const int rc = m_hooks.takeStandingAlias(kCollectorDigit);
+    if (rc != 0) report("a new group's lines arrive only once the group is noticed: %s", std::strerror(-rc));
+  }
   rescan();
   void* tick = AaSysComMsgCreate(kRescanMsgId, 0, ownAddress());
   if (tick == nullptr) return;

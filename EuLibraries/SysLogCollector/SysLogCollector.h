@@ -5,6 +5,9 @@
 // Nodes send their lines to the node id ending in D of their group. Every second the collector
 // reads which nodes run on its host and takes the alias of the collector id of each group that has
 // no node there (rhyddal_host_alias), so those lines reach it while nothing in the nodes changes.
+// A node that starts after the collector gives it that alias itself as it starts (the collector
+// holds the host's standing alias, rhyddal_host_standing_alias), so even a new group's first line
+// arrives, before the collector has noticed the group.
 //
 // A system across hosts has one collector per host: the controller's, and an agent on every other
 // host that takes the aliases of its own host's groups and passes each line on to the controller's
@@ -29,6 +32,9 @@ class SysLogCollector : public Olm::IAaSysDispatcherSicHandler {
     // Makes sends to node id nid reach this node: rhyddal_host_alias's result. Empty where the
     // platform has no aliases.
     std::function<int(uint16_t nid)> takeAlias;
+    // Makes every node that starts later give this node its group's id ending in digit:
+    // rhyddal_host_standing_alias's result. Empty where the platform has no aliases.
+    std::function<int(uint16_t digit)> takeStandingAlias;
     // Sends a message the collector made at once, never waiting: 0 when it is gone, else a
     // negative errno, and the message is still the caller's.
     std::function<int(void* msg)> transmit;

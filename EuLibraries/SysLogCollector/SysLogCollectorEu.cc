@@ -26,6 +26,7 @@
 // Present only in the host replacement of the platform library; on the board every group has a
 // collector of its own.
 extern "C" RHYDDAL_HOST_OPTIONAL int rhyddal_host_alias(uint32_t nid);
+extern "C" RHYDDAL_HOST_OPTIONAL int rhyddal_host_standing_alias(uint32_t digit);
 extern "C" RHYDDAL_HOST_OPTIONAL int rhyddal_host_remote_nodes(struct rhyddal_host_remote_node* nodes,
                                                                uint32_t capacity);
 
@@ -70,6 +71,9 @@ SysLogCollector::Hooks productionHooks() {
   SysLogCollector::Hooks hooks;
   hooks.liveNodes = readLiveNodes;
   if (rhyddal_host_alias != nullptr) hooks.takeAlias = [](uint16_t nid) { return rhyddal_host_alias(nid); };
+  if (rhyddal_host_standing_alias != nullptr) {
+    hooks.takeStandingAlias = [](uint16_t digit) { return rhyddal_host_standing_alias(digit); };
+  }
   hooks.transmit = sendNow;
   hooks.print = printLine;
   hooks.quiet = quietWanted();

@@ -24,6 +24,7 @@ namespace {
 
 constexpr uint32_t kLoopbackRouteKind = 1;
 constexpr uint32_t kMaxNid = 0xFFFF;
+constexpr uint32_t kMaxStandingDigit = 0xF;  // the last hexadecimal digit of a node id
 constexpr uint32_t kHandleTag = 0x00010000;  // keeps the transport handle non-zero for node 0
 constexpr int kTimedOut = 1;
 // With a map, the process may run the host's bridge, whose threads a spinning node would keep off
@@ -98,6 +99,7 @@ int EventMachine::serverInit(uint32_t nid, uint32_t cpu, uint32_t* handle) {
   revokeAlias(static_cast<uint16_t>(nid));
   bridge.laneBytes = settings_.laneBytes;
   bridge_ = bridge;
+  takeStandingAliasFor(static_cast<uint16_t>(nid), [this](uint16_t alias) { return !placedOnOtherHost(alias); });
   remoteNodes_ = std::move(remoteNodes);
   startBridgeCandidate(bridge_);
   if (timingPageInUse_.load()) ownMailbox_->markTimingPageInUse();
@@ -265,31 +267,56 @@ PoolStatistics EventMachine::poolStatistics() {
   return pool_.statistics();
 }
 
-// The alias is taken outside the process lock: it waits for node start-ups of the host.
+// The own node's id and its server thread's: 0, or -ENOTCONN when this process serves no node.
+// What serverInit set up before it published the own mailbox (the bridge's settings) is settled
+// once this finds the mailbox.
+int EventMachine::ownNode(uint16_t* nid, uint32_t* tid) {
+  ProcessLockGuard guard(lock_);
+  Mailbox* own = own_.load(std::memory_order_acquire);
+  if (own == nullptr) return -ENOTCONN;
+  *nid = static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed));
+  *tid = own->ownerTid();
+  return 0;
+}
+
+// Aliases are taken outside the process lock: they wait for node start-ups of the host.
 int EventMachine::alias(uint32_t nid) {
   if (nid > kMaxNid) return -EINVAL;
   uint16_t ownNid = 0;
   uint32_t ownTid = 0;
-  {
-    ProcessLockGuard guard(lock_);
-    Mailbox* own = own_.load(std::memory_order_acquire);
-    if (own == nullptr) return -ENOTCONN;
-    ownNid = static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed));
-    ownTid = own->ownerTid();
-    if (nid == ownNid || placedOnOtherHost(static_cast<uint16_t>(nid))) return -EINVAL;
-  }
-  const int rc = takeAlias(static_cast<uint16_t>(nid), ownNid, ownTid);
+  int rc = ownNode(&ownNid, &ownTid);
+  if (rc != 0) return rc;
+  if (nid == ownNid || placedOnOtherHost(static_cast<uint16_t>(nid))) return -EINVAL;
+  rc = takeAlias(static_cast<uint16_t>(nid), ownNid, ownTid);
   if (rc != 0) return rc;
   ProcessLockGuard guard(lock_);
   if (std::find(aliases_.begin(), aliases_.end(), nid) == aliases_.end()) aliases_.push_back(static_cast<uint16_t>(nid));
   return 0;
 }
 
+int EventMachine::standingAlias(uint32_t digit) {
+  if (digit > kMaxStandingDigit) return -EINVAL;
+  uint16_t ownNid = 0;
+  uint32_t ownTid = 0;
+  int rc = ownNode(&ownNid, &ownTid);
+  if (rc != 0) return rc;
+  rc = takeStandingAlias(static_cast<uint16_t>(digit), ownNid, ownTid);
+  if (rc != 0) return rc;
+  ProcessLockGuard guard(lock_);
+  standingAliasHeld_ = true;
+  return 0;
+}
+
+// Nodes that started take aliases for the holder of the standing alias on their own, so the holder
+// looks for its aliases among all of them.
 void EventMachine::unlinkOwnObjects() {
   Mailbox* own = own_.load(std::memory_order_acquire);
   if (own == nullptr) return;
-  for (const uint16_t nid : aliases_) {
-    releaseAlias(nid, static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed)), own->ownerTid());
+  const auto ownNid = static_cast<uint16_t>(ownNid_.load(std::memory_order_relaxed));
+  for (const uint16_t nid : aliases_) releaseAlias(nid, ownNid, own->ownerTid());
+  if (standingAliasHeld_) {
+    releaseStandingAlias(ownNid, own->ownerTid());
+    releaseAliasesOf(ownNid, own->ownerTid());
   }
   own->unlinkName();
 }
@@ -353,6 +380,7 @@ void EventMachine::afterForkInChild() {
   ownMailbox_.reset();
   directory_.clear();
   aliases_.clear();
+  standingAliasHeld_ = false;
   bridge_ = BridgeSettings{};
   remoteNodes_.reset();
   lock_.resetInChild();

@@ -62,6 +62,8 @@ class EventMachine {
   void timingPageInUse();
   // rhyddal_host_alias: 0, -ENOTCONN, -EINVAL, -EADDRINUSE, -EBUSY, other < 0 (NodeAlias.h).
   int alias(uint32_t nid);
+  // rhyddal_host_standing_alias: 0, -ENOTCONN, -EINVAL, -EBUSY, other < 0 (NodeAlias.h).
+  int standingAlias(uint32_t digit);
 
   PoolStatistics poolStatistics();
 
@@ -86,6 +88,7 @@ class EventMachine {
   int transmit(void* buffer, uint32_t length, RecordKind kind, uint16_t nid);
   bool isLocal(uint16_t nid) const;
   bool placedOnOtherHost(uint16_t nid) const;
+  int ownNode(uint16_t* nid, uint32_t* tid);
   bool bridgeSettled();
   bool headerAgreesOffHost(const void* message, uint32_t receiver) const;
   Mailbox* mailboxFor(uint16_t nid, int* error);
@@ -108,6 +111,7 @@ class EventMachine {
   BridgeSettings bridge_;
   std::unique_ptr<RemoteNodes> remoteNodes_;
   std::vector<uint16_t> aliases_;  // taken by this process's node
+  bool standingAliasHeld_ = false;
 };
 
 }  // namespace rhyddal

@@ -102,6 +102,8 @@ std::vector<uint16_t> nidsOfObjects(const char* kind) {
 
 std::string bridgeMailboxObjectName() { return "/" + objectPrefix() + "bridge"; }
 
+std::string standingAliasObjectName() { return "/" + objectPrefix() + "standing-alias"; }
+
 std::string bridgeLockPath() { return std::string(kShmDirectory) + "/" + objectPrefix() + "bridge.lock"; }
 
 std::string remoteNodesObjectName() { return "/" + objectPrefix() + "remote-nodes"; }

@@ -38,6 +38,8 @@ constexpr char kAliasObjectKind[] = "alias-";
 std::string mailboxObjectName(uint16_t nid);
 // POSIX shm name of the alias of a node id (NodeAlias.h): "/<prefix>alias-<nid as 4 hex digits>".
 std::string aliasObjectName(uint16_t nid);
+// POSIX shm name of the host's standing alias (NodeAlias.h): "/<prefix>standing-alias".
+std::string standingAliasObjectName();
 // The node ids of the objects in /dev/shm named "<prefix><kind><nid as 4 hex digits>".
 std::vector<uint16_t> nidsOfObjects(const char* kind);
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <string>
 
 #include "HostEnvironment.h"
@@ -15,13 +16,15 @@ namespace rhyddal {
 namespace {
 
 constexpr size_t kRecordBytes = sizeof(AliasRecord);
+constexpr uint16_t kGroupMask = 0xFFF0;
+constexpr uint16_t kStandingDigitMask = 0x000F;
 
 // A writable mapping of an alias object, unmapped with the object.
 class WritableAlias {
  public:
-  // The alias of nid as it stands, complete or not; null when there is none.
-  static std::unique_ptr<WritableAlias> open(uint16_t nid) {
-    const int fd = shm_open(aliasObjectName(nid).c_str(), O_RDWR | O_CLOEXEC, 0);
+  // The alias object of that name as it stands, complete or not; null when there is none.
+  static std::unique_ptr<WritableAlias> open(const std::string& name) {
+    const int fd = shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
     if (fd < 0) return nullptr;
     struct stat status {};
     void* mapping = MAP_FAILED;
@@ -57,9 +60,9 @@ class WritableAlias {
 };
 
 // Senders that mapped the alias stop following it before its name goes.
-void revokeAndUnlink(uint16_t nid, WritableAlias& alias) {
+void revokeAndUnlink(const std::string& name, WritableAlias& alias) {
   alias.record().revoked.store(1, std::memory_order_release);
-  shm_unlink(aliasObjectName(nid).c_str());
+  shm_unlink(name.c_str());
 }
 
 bool liveNodeAt(uint16_t nid) {
@@ -69,8 +72,7 @@ bool liveNodeAt(uint16_t nid) {
 
 // The record is written before its magic, so a sender that opens the object in between takes it
 // for absent.
-int createAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
-  const std::string name = aliasObjectName(alias);
+int createAlias(const std::string& name, uint16_t alias, uint16_t target, uint32_t targetTid) {
   const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) return -errno;
   void* mapping = MAP_FAILED;
@@ -99,18 +101,20 @@ int takeAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
   if (!namespaceUsable()) return -EINVAL;
   return underNodeStartLock([&] {
     if (liveNodeAt(alias)) return -EADDRINUSE;
-    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(alias)) {
+    const std::string name = aliasObjectName(alias);
+    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(name)) {
       if (existing->live()) return existing->isOf(target, targetTid) ? 0 : -EBUSY;
-      revokeAndUnlink(alias, *existing);  // of a node that has gone, or revoked and not yet removed
+      revokeAndUnlink(name, *existing);  // of a node that has gone, or revoked and not yet removed
     }
-    return createAlias(alias, target, targetTid);
+    return createAlias(name, alias, target, targetTid);
   });
 }
 
 void revokeAlias(uint16_t nid) {
   if (!namespaceUsable()) return;
   underNodeStartLock([nid] {
-    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(nid)) revokeAndUnlink(nid, *existing);
+    const std::string name = aliasObjectName(nid);
+    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(name)) revokeAndUnlink(name, *existing);
     return 0;
   });
 }
@@ -120,8 +124,54 @@ void revokeAlias(uint16_t nid) {
 // lives; a node starting at the id only removes it first.
 void releaseAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
   if (!namespaceUsable()) return;
-  std::unique_ptr<WritableAlias> existing = WritableAlias::open(alias);
-  if (existing != nullptr && existing->isOf(target, targetTid)) revokeAndUnlink(alias, *existing);
+  const std::string name = aliasObjectName(alias);
+  std::unique_ptr<WritableAlias> existing = WritableAlias::open(name);
+  if (existing != nullptr && existing->isOf(target, targetTid)) revokeAndUnlink(name, *existing);
+}
+
+// The standing alias is an alias record of its own name whose alias field holds the digit.
+int takeStandingAlias(uint16_t digit, uint16_t target, uint32_t targetTid) {
+  if (!namespaceUsable()) return -EINVAL;
+  return underNodeStartLock([&] {
+    const std::string name = standingAliasObjectName();
+    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(name)) {
+      if (existing->live() && !existing->isOf(target, targetTid)) return -EBUSY;
+      if (existing->live() && existing->record().alias == digit) return 0;
+      revokeAndUnlink(name, *existing);
+    }
+    return createAlias(name, digit, target, targetTid);
+  });
+}
+
+void releaseStandingAlias(uint16_t target, uint32_t targetTid) {
+  if (!namespaceUsable()) return;
+  const std::string name = standingAliasObjectName();
+  std::unique_ptr<WritableAlias> existing = WritableAlias::open(name);
+  if (existing != nullptr && existing->isOf(target, targetTid)) revokeAndUnlink(name, *existing);
+}
+
+// Runs while the node at nid starts, so the alias is in place before that node can send anything.
+// An alias somebody else holds, or a node running at the id, is left alone.
+void takeStandingAliasFor(uint16_t nid, const std::function<bool(uint16_t)>& mayAlias) {
+  if (!namespaceUsable()) return;
+  underNodeStartLock([&] {
+    std::unique_ptr<WritableAlias> standing = WritableAlias::open(standingAliasObjectName());
+    if (standing == nullptr || !standing->live()) return 0;
+    const AliasRecord& request = standing->record();
+    const auto alias = static_cast<uint16_t>((nid & kGroupMask) | (request.alias & kStandingDigitMask));
+    if (alias == nid || alias == request.target || !mayAlias(alias) || liveNodeAt(alias)) return 0;
+    const std::string name = aliasObjectName(alias);
+    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(name)) {
+      if (existing->live()) return 0;
+      revokeAndUnlink(name, *existing);
+    }
+    return createAlias(name, alias, static_cast<uint16_t>(request.target), request.targetTid);
+  });
+}
+
+// Every alias the target holds, also those nodes took for it through its standing alias.
+void releaseAliasesOf(uint16_t target, uint32_t targetTid) {
+  for (const uint16_t alias : listAliasNids()) releaseAlias(alias, target, targetTid);
 }
 
 int NodeAlias::open(uint16_t nid, std::shared_ptr<NodeAlias>* out) {

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -43,6 +44,23 @@ int takeAlias(uint16_t alias, uint16_t target, uint32_t targetTid);
 void revokeAlias(uint16_t nid);
 // Ends alias if it is still the one target's thread targetTid took (an orderly exit).
 void releaseAlias(uint16_t alias, uint16_t target, uint32_t targetTid);
+
+// The standing alias: while target's thread targetTid lives, every node that starts on this host
+// at an id nid gives it the alias of its group's id (nid & 0xFFF0) | digit as it starts, where no
+// node runs there and nobody else holds that alias. A log collector so gets the lines of a group
+// from its first node's first line on, not only from when it notices the group. One per host
+// namespace ("<prefix>standing-alias", an alias record whose alias field holds the digit).
+// Returns 0 (also when target holds it already; a new digit replaces the old), -EBUSY when
+// another live node holds it, -EINVAL for an unusable RHYDDAL_NAMESPACE, or the negated errno of
+// a failed system call.
+int takeStandingAlias(uint16_t digit, uint16_t target, uint32_t targetTid);
+// Ends the standing alias if target's thread targetTid holds it (an orderly exit).
+void releaseStandingAlias(uint16_t target, uint32_t targetTid);
+// Called by the node starting at nid: takes the alias the standing alias asks for, if mayAlias
+// agrees to its id (the node map may place it on another host).
+void takeStandingAliasFor(uint16_t nid, const std::function<bool(uint16_t)>& mayAlias);
+// Releases every alias target's thread targetTid holds, however it came by them.
+void releaseAliasesOf(uint16_t target, uint32_t targetTid);
 
 // An alias as a sender maps it.
 class NodeAlias {

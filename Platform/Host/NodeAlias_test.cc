@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <initializer_list>
 #include <cstdlib>
 
 #include "HostTestUtil.h"
@@ -19,14 +21,17 @@ using namespace testing;
 constexpr uint16_t kCpid = 0x0601;
 constexpr int kReceiveTimeoutMs = 10000;
 
-// A node process serving nid that takes the alias, then reports the receiver node id of every
-// message that reaches it, until told to stop.
+// A node process serving nid that takes the alias (or, standing, the standing alias for the digit
+// in alias), then reports the receiver node id of every message that reaches it, until told to
+// stop.
 class AliasTarget {
  public:
-  AliasTarget(uint16_t nid, uint16_t alias, bool orderlyExit = false)
-      : process_([this, nid, alias, orderlyExit] {
+  enum class Take { kAlias, kStanding };
+  AliasTarget(uint16_t nid, uint16_t alias, bool orderlyExit = false, Take take = Take::kAlias)
+      : process_([this, nid, alias, orderlyExit, take] {
           if (becomeNode(nid) != 0) return 1;
-          up_.notify(static_cast<uint64_t>(rhyddal_host_alias(alias)) + 1);
+          const int taken = take == Take::kAlias ? rhyddal_host_alias(alias) : rhyddal_host_standing_alias(alias);
+          up_.notify(static_cast<uint64_t>(taken) + 1);
           while (stop_.waitFor(1) == 0) {
             if (void* message = vakem_receive(nid)) {
               received_.notify(fieldOf<uint32_t>(message, 4) >> 16);
@@ -69,9 +74,24 @@ int sendTo(uint16_t nid) {
   return ::testing::AssertionSuccess();
 }
 
-bool aliasObjectExists(uint16_t nid) {
+bool objectExists(const std::string& name) {
   struct stat status {};
-  return stat(shmFilePath(aliasObjectName(nid)).c_str(), &status) == 0;
+  return stat(shmFilePath(name).c_str(), &status) == 0;
+}
+
+bool aliasObjectExists(uint16_t nid) { return objectExists(aliasObjectName(nid)); }
+
+constexpr uint16_t kCollectorDigit = 0xD;
+
+uint16_t groupIdOf(uint16_t nid) { return static_cast<uint16_t>((nid & 0xFFF0) | kCollectorDigit); }
+
+// A test node id in none of the groups of nids, and not its own group's digit-D id.
+uint16_t testNidOutsideGroupsOf(std::initializer_list<uint16_t> nids) {
+  for (;;) {
+    const uint16_t candidate = testNid();
+    const bool outside = std::none_of(nids.begin(), nids.end(), [&](uint16_t nid) { return groupIdOf(nid) == groupIdOf(candidate); });
+    if (outside && candidate != groupIdOf(candidate)) return candidate;
+  }
 }
 
 TEST(NodeAlias, SendsToTheAliasReachTheTargetWithTheirHeaderUnchanged) {
@@ -173,6 +193,51 @@ TEST(NodeAlias, TakingAnAliasAgainKeepsIt) {
   });
   ASSERT_EQ(taken.waitFor(), 1u);
   EXPECT_EQ(sendTo(alias), 0);
+}
+
+// The standing alias is taken by the starting node itself, so the alias is there before that node
+// can send its first line.
+TEST(NodeAlias, AStandingAliasGivesItsHolderTheGroupIdOfEveryNodeThatStartsAfterIt) {
+  const uint16_t holderNid = testNid();
+  const uint16_t member = testNidOutsideGroupsOf({holderNid});
+  const uint16_t collector = groupIdOf(testNidOutsideGroupsOf({holderNid, member}));
+  const uint16_t later = testNidOutsideGroupsOf({holderNid, member, collector});
+  AliasTarget holder(holderNid, kCollectorDigit, true, AliasTarget::Take::kStanding);
+  ASSERT_EQ(holder.aliasResult(), 0);
+  EXPECT_EQ(sendTo(groupIdOf(member)), -EHOSTUNREACH) << "no node of the group has started yet";
+  {
+    IdleNode node(member);
+    ASSERT_TRUE(node.up());
+    ASSERT_EQ(sendTo(groupIdOf(member)), 0);
+    EXPECT_EQ(holder.nextReceiver(), groupIdOf(member));
+  }
+  // A group whose digit-D node runs keeps it.
+  IdleNode ownCollector(collector);
+  ASSERT_TRUE(ownCollector.up());
+  IdleNode memberWithCollector(static_cast<uint16_t>(collector - 1));
+  ASSERT_TRUE(memberWithCollector.up());
+  EXPECT_FALSE(aliasObjectExists(collector));
+
+  EXPECT_EQ(holder.stop(), 0);
+  EXPECT_FALSE(aliasObjectExists(groupIdOf(member))) << "an orderly exit removes the aliases nodes took for it";
+  EXPECT_FALSE(objectExists(standingAliasObjectName()));
+  IdleNode afterTheHolder(later);
+  ASSERT_TRUE(afterTheHolder.up());
+  EXPECT_FALSE(aliasObjectExists(groupIdOf(later))) << "nothing stands after its holder has gone";
+}
+
+TEST(NodeAlias, TheStandingAliasIsOneNodesAtATime) {
+  EXPECT_EQ(rhyddal_host_standing_alias(kCollectorDigit), -ENOTCONN) << "this process serves no node yet";
+  AliasTarget holder(testNid(), kCollectorDigit, false, AliasTarget::Take::kStanding);
+  ASSERT_EQ(holder.aliasResult(), 0);
+  ChildProcess other([&] {
+    if (becomeNode(testNid()) != 0) return 1;
+    if (rhyddal_host_standing_alias(0x10) != -EINVAL) return 2;
+    if (rhyddal_host_standing_alias(kCollectorDigit) != -EBUSY) return 3;
+    return 0;
+  });
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(holder.stop(), 0);
 }
 
 }  // namespace

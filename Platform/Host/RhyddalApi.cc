@@ -150,6 +150,8 @@ void rhyddal_host_timing_page_in_use(void) { machine().timingPageInUse(); }
 
 int rhyddal_host_alias(uint32_t nid) { return machine().alias(nid); }
 
+int rhyddal_host_standing_alias(uint32_t digit) { return machine().standingAlias(digit); }
+
 // A mailbox is listed while its owner lives: one left behind by a killed node is not a node.
 int rhyddal_host_live_nodes(struct rhyddal_host_node* nodes, uint32_t capacity) {
   if ((nodes == nullptr && capacity != 0) || !rhyddal::namespaceUsable()) return -EINVAL;

@@ -57,6 +57,21 @@ void rhyddal_host_timing_page_in_use(void);
  *   other < 0     the negated errno of a failed system call */
 int rhyddal_host_alias(uint32_t nid);
 
+/* Makes every node that starts on this host from now on give the node this process serves the
+ * alias of its group's id ending in digit, (its node id AND 0xFFF0) OR digit, as rhyddal_host_alias
+ * would, before the starting node can send anything: a log collector so gets a new group's lines
+ * from the first one on. Nothing happens for a node whose group's id runs a node, is the starting
+ * node itself, is aliased to another live node, or lies on another host by the node map. Aliases
+ * so taken end as those of rhyddal_host_alias do; the standing request ends with this process's
+ * node. One node per host holds it; calling it again with another digit replaces the digit.
+ * Returns:
+ *   0             held by this process's node
+ *   -ENOTCONN     this process serves no node (vak_em_server_init first)
+ *   -EINVAL       digit is above 0xF, or RHYDDAL_NAMESPACE is not a valid word
+ *   -EBUSY        another live node holds it
+ *   other < 0     the negated errno of a failed system call */
+int rhyddal_host_standing_alias(uint32_t digit);
+
 /* One node that runs on this host, as rhyddal_host_live_nodes lists it. */
 struct rhyddal_host_node {
   uint16_t nid;

@@ -64,7 +64,9 @@ class PingEu : public Olm::IAaSysDispatcherSicHandler {
 
   void start(Olm::IAaSysDispatcher& dispatcher) {
     dispatcher.AaSysDispatcherCpidBind(*this, kPingCpid);
-    armTicks(envNumber("OLM_PING_PERIOD_MS", 1000));
+    const uint32_t periodMs = envNumber("OLM_PING_PERIOD_MS", 1000);
+    AaSysLogPrint(EAaSysLogSeverityLevel_Info, "PingEu: pinging node 0x%04x every %u ms", m_peerNid, periodMs);
+    armTicks(periodMs);
   }
 
   int PrioritizeMessage(void*&) override { return 3; }

@@ -150,6 +150,15 @@ TEST(NodeController, CollectsTheLinesOfGroupsWithoutACollectorAndLeavesTheOthers
   EXPECT_EQ(collectorOfGroup2.countOutput(pongLineOf(kNodeOfGroup2)), 0u);
 }
 
+// The node gives the controller its group's collector id as it starts, before its first line.
+TEST(NodeController, CollectsANewGroupsLinesFromItsFirstNodesFirstLineOn) {
+  auto controller = startController();
+  auto pinger = startPinger(kNodeOfGroup1, kSecondNodeOfGroup1);
+  EXPECT_TRUE(controller->waitForOutput("INF/PingEu: pinging node " + hex(kSecondNodeOfGroup1) + " every " +
+                                        kPingPeriodMs + " ms\n"))
+      << controller->output();
+}
+
 TEST(NodeController, PrintsNodesAppearingAndGoing) {
   auto controller = startController();
   NodeProcess node({"--nid", hex(kNodeOfGroup1), "--masternid", hex(kController), "--wait", "1000"});

@@ -17,9 +17,21 @@ struct RamFileServer::Request {
   std::string name;
 };
 
+// A request and what answers it.
+struct RamFileServer::Answer {
+  Request asked;
+  TAaSysComSicad tool = 0;  // the request's sender
+  TAaSysComSicad from = 0;  // where the tool asked
+  int status = 0;
+  uint32_t fileSize = 0;
+  std::vector<uint8_t> bytes;
+};
+
 namespace {
 
 constexpr int kLowPriority = 3;
+// The server's own wake-up, from and to its own address: reads have finished.
+constexpr TAaSysComMsgId kReadsFinishedMsgId = 0x097E;
 constexpr uint32_t kRequestWords = RAMFILE_READ_REQ_HEADER_SIZE / sizeof(uint32_t);
 constexpr uint32_t kMaxNid = 0xFFFF;
 constexpr size_t kLineBytes = 256;
@@ -60,6 +72,8 @@ TAaSysComSicad serverAddress(const void* request) {
   return AaSysComSicadGet(AaSysComSicadGetCpid(receiver), AaSysComGetOwnNid());
 }
 
+TAaSysComSicad ownAddress() { return AaSysComSicadGet(RAMFILE_SERVER_CPID, AaSysComGetOwnNid()); }
+
 std::string undelivered(int error) {
   switch (error) {
     case -ENOBUFS:
@@ -75,6 +89,8 @@ std::string undelivered(int error) {
 
 RamFileServer::RamFileServer(Hooks hooks) : m_hooks(std::move(hooks)) {}
 
+RamFileServer::~RamFileServer() = default;
+
 std::string RamFileServer::ramFilePath(const std::string& root, uint32_t nid, const std::string& name) {
   char directory[32];
   std::snprintf(directory, sizeof(directory), "/olm_lite/0x%04x/fusemnt/", nid);
@@ -89,63 +105,97 @@ int RamFileServer::PrioritizeMessage(void*&) { return kLowPriority; }
 
 void RamFileServer::ProcessMessage(void*& msg) {
   if (msg == nullptr) return;
-  if (AaSysComMsgGetId(msg) == RAMFILE_READ_REQ_MSG) {
+  const TAaSysComMsgId id = AaSysComMsgGetId(msg);
+  if (id == RAMFILE_READ_REQ_MSG) {
     serve(msg);
+  } else if (id == kReadsFinishedMsgId && AaSysComMsgGetSender(msg) == ownAddress()) {
+    answerFinishedReads();
   } else {
-    report("dropped message 0x%04x from 0x%08x: not a read request", AaSysComMsgGetId(msg), AaSysComMsgGetSender(msg));
+    report("dropped message 0x%04x from 0x%08x: not a read request", id, AaSysComMsgGetSender(msg));
   }
   AaSysComMsgDestroy(&msg);
 }
 
 void RamFileServer::serve(const void* msg) {
   uint32_t words[kRequestWords] = {};
-  Request asked;
-  const bool wellFormed = parseRequest(msg, words, asked.name) && words[0] <= kMaxNid;
-  asked.nid = words[0];
-  asked.offset = words[1];
-  asked.largestChunk = words[2];
-  if (!wellFormed) {
-    reply(msg, asked, EINVAL, 0, {});
-    return;
-  }
-  const uint32_t count = std::min(asked.largestChunk, uint32_t{RAMFILE_READ_MAX_CHUNK});
-  uint32_t fileSize = 0;
-  std::vector<uint8_t> bytes;
-  const int status = m_hooks.readFile(ramFilePath(m_hooks.ramRoot, asked.nid, asked.name), asked.offset, count,
-                                      fileSize, bytes);
-  if (status != 0) {
-    reply(msg, asked, status, 0, {});
-    return;
-  }
-  if (bytes.size() > count) bytes.resize(count);
-  reply(msg, asked, 0, fileSize, bytes);
-}
-
-// A tool that cannot take its reply at once loses it rather than hold the server up: it asks again
-// after its timeout.
-void RamFileServer::reply(const void* request, const Request& asked, int status, uint32_t fileSize,
-                          const std::vector<uint8_t>& bytes) {
-  const TAaSysComSicad tool = AaSysComMsgGetSender(request);
-  if (tool == 0) {
+  Answer answer;
+  const bool wellFormed = parseRequest(msg, words, answer.asked.name) && words[0] <= kMaxNid;
+  answer.asked.nid = words[0];
+  answer.asked.offset = words[1];
+  answer.asked.largestChunk = words[2];
+  answer.tool = AaSysComMsgGetSender(msg);
+  answer.from = serverAddress(msg);
+  if (answer.tool == 0) {
     report("dropped a read request without a sender");
     return;
   }
-  const auto length = static_cast<uint32_t>(bytes.size());
-  const SRamFileReadReply header{static_cast<uint32_t>(status), asked.nid, fileSize, asked.offset, length};
-  void* answer = AaSysComMsgCreate(RAMFILE_READ_REPLY_MSG,
-                                   static_cast<TAaSysComMsgSize>(RAMFILE_READ_REPLY_HEADER_SIZE + length), tool);
-  if (answer == nullptr) {
-    report("cannot answer 0x%08x: no message buffer", tool);
+  if (wellFormed && m_readsInFlight < kMaxReadsInFlight) {
+    startRead(std::move(answer));
     return;
   }
-  auto* payload = static_cast<uint8_t*>(AaSysComMsgGetPayload(answer));
+  answer.status = wellFormed ? EBUSY : EINVAL;
+  reply(answer);
+}
+
+// The wake-up is made here, on the Dispatcher's thread, as all the server's messages are: the read
+// only sends it, through the platform, which any thread may call.
+void RamFileServer::startRead(Answer answer) {
+  void* wakeUp = AaSysComMsgCreate(kReadsFinishedMsgId, 0, ownAddress());
+  if (wakeUp == nullptr) {
+    report("cannot answer 0x%08x: no message buffer", answer.tool);
+    return;
+  }
+  AaSysComMsgSetSender(wakeUp, ownAddress());
+  ++m_readsInFlight;
+  const std::string path = ramFilePath(m_hooks.ramRoot, answer.asked.nid, answer.asked.name);
+  m_hooks.runRead([this, path, answer = std::move(answer), wakeUp]() mutable {
+    const uint32_t count = std::min(answer.asked.largestChunk, uint32_t{RAMFILE_READ_MAX_CHUNK});
+    answer.status = m_hooks.readFile(path, answer.asked.offset, count, answer.fileSize, answer.bytes);
+    if (answer.status != 0) answer.bytes.clear();
+    if (answer.bytes.size() > count) answer.bytes.resize(count);
+    {
+      std::lock_guard<std::mutex> lock(m_finishedLock);
+      m_finished.push_back(std::move(answer));
+    }
+    if (m_hooks.transmit(wakeUp) != 0) m_hooks.release(wakeUp);
+  });
+}
+
+// Every read finished so far, whichever wake-up came: one that was lost (the own queue full) is
+// made good by the next.
+void RamFileServer::answerFinishedReads() {
+  std::vector<Answer> finished;
+  {
+    std::lock_guard<std::mutex> lock(m_finishedLock);
+    finished.swap(m_finished);
+  }
+  for (const Answer& answer : finished) {
+    --m_readsInFlight;
+    reply(answer);
+  }
+}
+
+// A tool that cannot take its reply at once loses it rather than hold the server up: it asks again
+// after its timeout. A reply with a status carries no bytes.
+void RamFileServer::reply(const Answer& answer) {
+  const auto length = static_cast<uint32_t>(answer.status == 0 ? answer.bytes.size() : 0);
+  const uint32_t fileSize = answer.status == 0 ? answer.fileSize : 0;
+  const SRamFileReadReply header{static_cast<uint32_t>(answer.status), answer.asked.nid, fileSize,
+                                 answer.asked.offset, length};
+  void* message = AaSysComMsgCreate(RAMFILE_READ_REPLY_MSG,
+                                    static_cast<TAaSysComMsgSize>(RAMFILE_READ_REPLY_HEADER_SIZE + length), answer.tool);
+  if (message == nullptr) {
+    report("cannot answer 0x%08x: no message buffer", answer.tool);
+    return;
+  }
+  auto* payload = static_cast<uint8_t*>(AaSysComMsgGetPayload(message));
   std::memcpy(payload, &header, RAMFILE_READ_REPLY_HEADER_SIZE);
-  if (length != 0) std::memcpy(payload + RAMFILE_READ_REPLY_HEADER_SIZE, bytes.data(), length);
-  AaSysComMsgSetSender(answer, serverAddress(request));
-  const int rc = m_hooks.transmit(answer);
+  if (length != 0) std::memcpy(payload + RAMFILE_READ_REPLY_HEADER_SIZE, answer.bytes.data(), length);
+  AaSysComMsgSetSender(message, answer.from);
+  const int rc = m_hooks.transmit(message);
   if (rc == 0) return;
-  AaSysComMsgDestroy(&answer);
-  report("dropped the reply to 0x%08x: %s", tool, undelivered(rc).c_str());
+  AaSysComMsgDestroy(&message);
+  report("dropped the reply to 0x%08x: %s", answer.tool, undelivered(rc).c_str());
 }
 
 void RamFileServer::report(const char* format, ...) {

@@ -6,6 +6,8 @@
 // Tools reach it at the node id ending in D of a node's group, whose alias the log collector of the
 // same node takes; it reads the files under the RAM root the node itself uses (OLM_RAM_ROOT).
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +17,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "AaSysCom.h"
@@ -73,10 +77,37 @@ int readChunk(const std::string& path, uint32_t offset, uint32_t count, uint32_t
   return error;
 }
 
+// Every signal but those a fault raises in the thread itself.
+sigset_t asynchronousSignals() {
+  sigset_t signals;
+  sigfillset(&signals);
+  for (int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS}) sigdelset(&signals, fault);
+  return signals;
+}
+
+// A thread for each read, so that one that never ends (its node is stopped) holds up no other; the
+// server bounds how many there are. The thread takes no asynchronous signal: the node's handlers
+// expect them on its Dispatcher's thread. Without a thread, the read runs at once.
+void runOnAThreadOfItsOwn(std::function<void()> read) {
+  const sigset_t blocked = asynchronousSignals();
+  sigset_t callerSignals;
+  pthread_sigmask(SIG_BLOCK, &blocked, &callerSignals);
+  bool started = true;
+  try {
+    std::thread(read).detach();
+  } catch (const std::system_error&) {
+    started = false;
+  }
+  pthread_sigmask(SIG_SETMASK, &callerSignals, nullptr);
+  if (!started) read();
+}
+
 RamFileServer::Hooks productionHooks() {
   RamFileServer::Hooks hooks;
   hooks.readFile = readChunk;
+  hooks.runRead = runOnAThreadOfItsOwn;
   hooks.transmit = sendNow;
+  hooks.release = vakem_free;
   hooks.print = printLine;
   hooks.ramRoot = ramRootInForce();
   return hooks;
@@ -85,7 +116,8 @@ RamFileServer::Hooks productionHooks() {
 }  // namespace
 
 extern "C" void EuMain(Olm::IAaSysDispatcher* dispatcher) {
-  static RamFileServer server(productionHooks());
+  // Never destroyed: a read that has not finished when the process exits still answers through it.
+  static RamFileServer& server = *new RamFileServer(productionHooks());
   dispatcher->AaSysDispatcherCpidBind(server, RAMFILE_SERVER_CPID);
   server.start();
 }

@@ -16,6 +16,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <vector>
 
 #include "AaSysCom.h"
 #include "FakeRuntime.h"
@@ -45,6 +47,20 @@ void checkReply(const void* msg) {
   if (header.status != 0 && header.chunkLength != 0) std::abort();
 }
 
+constexpr uint32_t kOwnAddress = (uint32_t{OlmTest::kOwnNid} << 16) | RAMFILE_SERVER_CPID;
+
+// The server's wake-ups to itself, delivered after each message as the Dispatcher would.
+std::vector<void*> g_wakeUps;
+
+void deliverWakeUps(RamFileServer& server) {
+  std::vector<void*> wakeUps;
+  wakeUps.swap(g_wakeUps);
+  for (void* wakeUp : wakeUps) {
+    server.ProcessMessage(wakeUp);
+    if (wakeUp != nullptr) std::abort();
+  }
+}
+
 void deliverOne(OlmTest::FuzzInput& input, RamFileServer& server, bool& refuse) {
   const uint32_t id = kIds[input.byte() % (sizeof(kIds) / sizeof(kIds[0]))];
   const uint32_t apf = input.byte() % kApfCount;
@@ -57,6 +73,7 @@ void deliverOne(OlmTest::FuzzInput& input, RamFileServer& server, bool& refuse) 
   AaSysComMsgSetSender(msg, senderChoice == 0 ? 0 : kToolBase + (uint32_t{senderChoice} << 16));
   server.ProcessMessage(msg);
   if (msg != nullptr) std::abort();
+  deliverWakeUps(server);
 }
 
 }  // namespace
@@ -76,7 +93,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       bytes.assign(offset < fileSize ? std::min(count, fileSize - offset) + extra : extra, 0x5A);
       return 0;
     };
+    hooks.runRead = [](std::function<void()> read) { read(); };
+    hooks.release = [](void* msg) { AaSysComMsgDestroy(&msg); };
     hooks.transmit = [&](void* msg) {
+      if (AaSysComMsgGetReceiver(msg) == kOwnAddress) {
+        g_wakeUps.push_back(msg);
+        return 0;
+      }
       checkReply(msg);
       if (refuse) return -ENOBUFS;
       runtime.sendMessage(msg);

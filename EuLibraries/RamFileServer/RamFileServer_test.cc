@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -57,11 +58,24 @@ class RamFileServerTest : public OlmTest::FakeRuntimeTest {
       }
       return 0;
     };
+    // Reads wait in m_reads until the test runs them, or run as soon as they start.
+    hooks.runRead = [this](std::function<void()> read) {
+      m_reads.push_back(std::move(read));
+      if (m_readsRunAtOnce) runRead(m_reads.size() - 1);
+    };
+    // The server's wake-ups to itself wait in m_wakeUps until delivered (or are refused); only
+    // replies are the tool's.
     hooks.transmit = [this](void* msg) {
+      if (AaSysComMsgGetReceiver(msg) == ownAddress()) {
+        if (m_wakeUpRefusal != 0) return m_wakeUpRefusal;
+        m_wakeUps.push_back(msg);
+        return 0;
+      }
       if (m_sendRefusal != 0) return m_sendRefusal;
       runtime.sendMessage(msg);
       return 0;
     };
+    hooks.release = [](void* msg) { AaSysComMsgDestroy(&msg); };
     hooks.print = [this](const std::string& line) { m_printed.push_back(line); };
     hooks.ramRoot = kRoot;
     return hooks;
@@ -70,9 +84,27 @@ class RamFileServerTest : public OlmTest::FakeRuntimeTest {
   // Where node 0x1011's file name is.
   static std::string pathOf(const std::string& name) { return std::string(kRoot) + "/olm_lite/0x1011/fusemnt/" + name; }
 
+  static uint32_t ownAddress() { return (uint32_t{OlmTest::kOwnNid} << 16) | RAMFILE_SERVER_CPID; }
+
+  // The message; with reads run at once, then the wake-ups they sent too.
   void deliver(void* msg) {
     server.ProcessMessage(msg);
     EXPECT_EQ(msg, nullptr) << "the server left its message in the reference";
+    if (m_readsRunAtOnce) deliverWakeUps();
+  }
+  void runRead(size_t index) {
+    std::function<void()> read = std::move(m_reads.at(index));
+    ASSERT_TRUE(read) << "read " << index << " ran already";
+    read();
+  }
+  // Delivers the wake-ups the reads run so far sent.
+  void deliverWakeUps() {
+    std::vector<void*> wakeUps;
+    wakeUps.swap(m_wakeUps);
+    for (void* wakeUp : wakeUps) {
+      server.ProcessMessage(wakeUp);
+      EXPECT_EQ(wakeUp, nullptr) << "the server left its wake-up in the reference";
+    }
   }
   void* message(TAaSysComMsgId id, const void* payload, uint32_t size, uint32_t sender = kTool) {
     void* msg = AaSysComMsgCreate(id, static_cast<TAaSysComMsgSize>(size), kServerAddress);
@@ -109,6 +141,10 @@ class RamFileServerTest : public OlmTest::FakeRuntimeTest {
 
   std::map<std::string, Bytes> m_files;
   std::vector<std::string> m_paths;
+  std::vector<std::function<void()>> m_reads;
+  bool m_readsRunAtOnce = true;
+  std::vector<void*> m_wakeUps;
+  int m_wakeUpRefusal = 0;
   int m_sendRefusal = 0;
   std::vector<std::string> m_printed;
   RamFileServer server{hooks()};
@@ -210,6 +246,56 @@ TEST_F(RamFileServerTest, WhatCannotBeAnsweredIsDroppedWithALine) {
                            "RAM file server: dropped message 0x097d from 0x1ff00700: not a read request",
                            "RAM file server: dropped the reply to 0x1ff00700: the tool's queue is full",
                        }));
+}
+
+// A node stopped in a debugger does not answer reads of its files: those reads hold up nothing else.
+TEST_F(RamFileServerTest, AReadThatHasNotFinishedHoldsUpNoOtherAndEachIsAnsweredWhenItFinishes) {
+  m_readsRunAtOnce = false;
+  m_files[pathOf("stopped.txt")] = countingBytes(10);
+  m_files[pathOf("running.txt")] = countingBytes(20);
+  request(kNode, 0, 100, "stopped.txt");
+  request(kNode, 0, 100, "running.txt");
+  EXPECT_TRUE(runtime.sent().empty()) << "nothing is answered before it is read";
+
+  runRead(1);
+  deliverWakeUps();
+  ASSERT_EQ(runtime.sent().size(), 1u);
+  EXPECT_EQ(lastReply().header, (Words{0, kNode, 20, 0, 20}));
+
+  // A wake-up lost on the way (the server's own queue full) is made good by the next one.
+  m_wakeUpRefusal = -ENOBUFS;
+  runRead(0);
+  m_wakeUpRefusal = 0;
+  EXPECT_EQ(runtime.sent().size(), 1u);
+  request(kNode, 5, 100, "running.txt");
+  runRead(2);
+  deliverWakeUps();
+  ASSERT_EQ(runtime.sent().size(), 3u);
+  EXPECT_EQ(reply(1).header, (Words{0, kNode, 10, 0, 10}));
+  EXPECT_EQ(reply(2).header, (Words{0, kNode, 20, 5, 15}));
+  EXPECT_TRUE(m_printed.empty()) << m_printed.front();
+}
+
+TEST_F(RamFileServerTest, BeyondTheReadsInFlightARequestIsRefusedBusyUntilOneIsAnswered) {
+  m_readsRunAtOnce = false;
+  m_files[pathOf("eu_status.txt")] = countingBytes(10);
+  for (uint32_t i = 0; i < RamFileServer::kMaxReadsInFlight; ++i) request(kNode, i, 100, "eu_status.txt");
+  EXPECT_TRUE(runtime.sent().empty());
+  request(kNode, 0, 100, "eu_status.txt");
+  ASSERT_EQ(runtime.sent().size(), 1u);
+  EXPECT_EQ(lastReply().header, (Words{EBUSY, kNode, 0, 0, 0}));
+  EXPECT_EQ(m_reads.size(), RamFileServer::kMaxReadsInFlight) << "the refused request is not read";
+
+  runRead(0);
+  EXPECT_EQ(runtime.sent().size(), 1u) << "a read counts until it is answered";
+  request(kNode, 0, 100, "eu_status.txt");
+  EXPECT_EQ(lastReply().header, (Words{EBUSY, kNode, 0, 0, 0}));
+  deliverWakeUps();
+  request(kNode, 9, 100, "eu_status.txt");
+  EXPECT_EQ(m_reads.size(), RamFileServer::kMaxReadsInFlight + 1) << "taken once one was answered";
+  for (size_t i = 1; i < m_reads.size(); ++i) runRead(i);
+  deliverWakeUps();
+  EXPECT_EQ(runtime.sent().size(), 3u + RamFileServer::kMaxReadsInFlight);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 // node's group it takes anyway. A stand-in server whose file keeps changing, and then answers
 // nonsense, shows the tool starting again from the file's start and giving up.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -81,15 +82,19 @@ class ServerClient {
 
   // The reply's words (status, node id, size, offset, length) and its bytes; no words when none came.
   std::vector<uint32_t> read(uint32_t nid, uint32_t offset, uint32_t largest, const std::string& name, Bytes& bytes) {
+    if (!ask(nid, offset, largest, name)) return {};
+    return nextReply(bytes);
+  }
+  bool ask(uint32_t nid, uint32_t offset, uint32_t largest, const std::string& name) {
     Bytes request(RAMFILE_READ_REQ_HEADER_SIZE);
     const uint32_t words[] = {nid, offset, largest};
     std::memcpy(request.data(), words, sizeof(words));
     request.insert(request.end(), name.begin(), name.end());
     request.push_back('\0');
-    if (!m_node.send(RAMFILE_READ_REQ_MSG, sicad(kServerOfNode, RAMFILE_SERVER_CPID), sicad(kTool, kToolCpid),
-                     request.data(), static_cast<uint32_t>(request.size()))) {
-      return {};
-    }
+    return m_node.send(RAMFILE_READ_REQ_MSG, sicad(kServerOfNode, RAMFILE_SERVER_CPID), sicad(kTool, kToolCpid),
+                       request.data(), static_cast<uint32_t>(request.size()));
+  }
+  std::vector<uint32_t> nextReply(Bytes& bytes) {
     WireNode::Message reply;
     if (!m_node.receive(RAMFILE_READ_REPLY_MSG, reply)) return {};
     EXPECT_EQ(reply.sender, sicad(kServerOfNode, RAMFILE_SERVER_CPID)) << "from the address asked";
@@ -126,6 +131,39 @@ TEST(NodeRamFileServer, ServesTheFilesUnderItsRootInChunks) {
   EXPECT_EQ(tool.read(kNode, 0, 100, "absent.bin", chunk), (std::vector<uint32_t>{ENOENT, kNode, 0, 0, 0}));
   EXPECT_EQ(tool.read(kNode, 0, 100, "../" + hex(kNode) + "/trace.bin", chunk),
             (std::vector<uint32_t>{EINVAL, kNode, 0, 0, 0}));
+  EXPECT_TRUE(server.running()) << server.output();
+}
+
+// A stopped node (a debugger holds it, or SIGSTOP) answers no read of its RAM files until it goes
+// on: the server answers the requests for other files meanwhile, and the waiting one afterwards.
+TEST(NodeRamFileServer, AStoppedNodeHoldsUpOnlyTheReadsOfItsOwnFiles) {
+  if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is not usable: nodes cannot mount RAM files";
+  NodeProcess server({"--nid", hex(kServerOfNode), "--wait", "1000", "--load-local", OLM_TEST_RAM_FILE_SERVER});
+  ASSERT_TRUE(server.waitForOutput("RAM file server: serving the RAM files under ")) << server.output();
+  NodeProcess node({"--nid", hex(kNode), "--wait", "1000", "--load-local", OlmTest::libraryPath("RamFileTestEu")},
+                   {"OLM_RAM_ROOT=" + server.workingArea()});
+  if (!node.waitForOutput("RamFileTestEu ready")) {
+    if (node.output().find("fuse_mount failed") != std::string::npos) GTEST_SKIP() << "no RAM file mount here";
+    FAIL() << node.output();
+  }
+  const Bytes other = countingBytes(1000);
+  ASSERT_TRUE(writeFile(fileUnder(server.workingArea(), kAbsentNodeOfServedGroup, "trace.bin"), other));
+  ServerClient tool;
+  ASSERT_TRUE(tool.ok());
+  Bytes bytes;
+  ASSERT_EQ(tool.read(kNode, 0, 100, "olmliteStatsRaw.bin", bytes).size(), 5u) << server.output();
+
+  node.kill(SIGSTOP);
+  ASSERT_TRUE(tool.ask(kNode, 0, 100, "olmliteStatsRaw.bin"));
+  EXPECT_EQ(tool.read(kAbsentNodeOfServedGroup, 0, 2000, "trace.bin", bytes),
+            (std::vector<uint32_t>{0, kAbsentNodeOfServedGroup, 1000, 0, 1000}))
+      << "the first reply is the other file's";
+  EXPECT_TRUE(bytes == other);
+  node.kill(SIGCONT);
+  const std::vector<uint32_t> late = tool.nextReply(bytes);
+  ASSERT_EQ(late.size(), 5u) << "no reply once the node went on: " << server.output();
+  EXPECT_EQ(late[0], 0u);
+  EXPECT_EQ(late[1], kNode);
   EXPECT_TRUE(server.running()) << server.output();
 }
 

@@ -42,9 +42,9 @@ typedef struct {
 /* The reply, from the address the request was sent to. The chunk is the file's bytes from offset
  * on, at most what the request wanted, fewer at the file's end (none from its end on). status is 0
  * or a positive errno: EINVAL for a malformed request (node id, offset and the rest 0 where the
- * request did not hold them), ENOENT when the node has no such file on this host, EBUSY when the
- * server has as many reads unfinished as it runs at once (nodes that are stopped), or why the file
- * could not be read; a reply that is not 0 carries no bytes. The file's size is the size when this
+ * request did not hold them), ENOENT when the node has no such file on this host, EBUSY when two
+ * reads of the node's files (or 32 in all) have not finished (a node that is stopped), or why the
+ * file could not be read; a reply that is not 0 carries no bytes. The file's size is the size when this
  * chunk was read: a reader of several chunks starts again when it changes. */
 typedef struct {
   uint32_t status;

@@ -129,12 +129,18 @@ void RamFileServer::serve(const void* msg) {
     report("dropped a read request without a sender");
     return;
   }
-  if (wellFormed && m_readsInFlight < kMaxReadsInFlight) {
+  if (wellFormed && roomForARead(answer.asked.nid)) {
     startRead(std::move(answer));
     return;
   }
   answer.status = wellFormed ? EBUSY : EINVAL;
   reply(answer);
+}
+
+// Looked up, not indexed: only nodes with reads under way have an entry.
+bool RamFileServer::roomForARead(uint32_t nid) const {
+  const auto reads = m_readsOfNode.find(nid);
+  return m_readsInFlight < kMaxReadsInFlight && (reads == m_readsOfNode.end() || reads->second < kMaxReadsPerNode);
 }
 
 // The wake-up is made here, on the Dispatcher's thread, as all the server's messages are: the read
@@ -147,6 +153,7 @@ void RamFileServer::startRead(Answer answer) {
   }
   AaSysComMsgSetSender(wakeUp, ownAddress());
   ++m_readsInFlight;
+  ++m_readsOfNode[answer.asked.nid];
   const std::string path = ramFilePath(m_hooks.ramRoot, answer.asked.nid, answer.asked.name);
   m_hooks.runRead([this, path, answer = std::move(answer), wakeUp]() mutable {
     const uint32_t count = std::min(answer.asked.largestChunk, uint32_t{RAMFILE_READ_MAX_CHUNK});
@@ -171,6 +178,7 @@ void RamFileServer::answerFinishedReads() {
   }
   for (const Answer& answer : finished) {
     --m_readsInFlight;
+    if (--m_readsOfNode[answer.asked.nid] == 0) m_readsOfNode.erase(answer.asked.nid);
     reply(answer);
   }
 }

@@ -9,13 +9,16 @@
 // process, so a read of a node that is stopped (in a debugger, by SIGSTOP) waits until the node
 // goes on; the node that loads this server (the controller) must not wait with it. A finished read
 // sends the server a wake-up message made beforehand, and the server answers on its own thread.
-// At most kMaxReadsInFlight reads may be unfinished; a request beyond them is answered EBUSY.
+// At most kMaxReadsPerNode reads of one node's files, and kMaxReadsInFlight in all, may be
+// unfinished; a request beyond them is answered EBUSY at once. So a tool that keeps asking for a
+// stopped node's files (olmctl top) ties up two reads, not the server.
 //
 // What it needs from outside comes through Hooks, so that tests give their own.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,7 +27,8 @@
 
 class RamFileServer : public Olm::IAaSysDispatcherSicHandler {
  public:
-  static constexpr uint32_t kMaxReadsInFlight = 8;
+  static constexpr uint32_t kMaxReadsPerNode = 2;
+  static constexpr uint32_t kMaxReadsInFlight = 32;
 
   struct Hooks {
     // Up to count bytes of the file at path from offset on, in one open, read and close: 0 with the
@@ -66,13 +70,16 @@ class RamFileServer : public Olm::IAaSysDispatcherSicHandler {
   struct Answer;
 
   void serve(const void* msg);
+  bool roomForARead(uint32_t nid) const;
   void startRead(Answer answer);
   void answerFinishedReads();
   void reply(const Answer& answer);
   void report(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   Hooks m_hooks;
-  uint32_t m_readsInFlight = 0;  // started and not yet answered; the Dispatcher's thread only
+  // Reads started and not yet answered, in all and by node id; the Dispatcher's thread only.
+  uint32_t m_readsInFlight = 0;
+  std::map<uint32_t, uint32_t> m_readsOfNode;
   std::mutex m_finishedLock;
   std::vector<Answer> m_finished;  // read, waiting for the Dispatcher's thread to answer them
 };

@@ -276,26 +276,40 @@ TEST_F(RamFileServerTest, AReadThatHasNotFinishedHoldsUpNoOtherAndEachIsAnswered
   EXPECT_TRUE(m_printed.empty()) << m_printed.front();
 }
 
-TEST_F(RamFileServerTest, BeyondTheReadsInFlightARequestIsRefusedBusyUntilOneIsAnswered) {
+// A tool that keeps asking for the files of a stopped node ties up two reads, not the server.
+TEST_F(RamFileServerTest, BeyondTwoUnfinishedReadsOfOneNodeItsRequestsAreRefusedBusyUntilOneIsAnswered) {
   m_readsRunAtOnce = false;
   m_files[pathOf("eu_status.txt")] = countingBytes(10);
-  for (uint32_t i = 0; i < RamFileServer::kMaxReadsInFlight; ++i) request(kNode, i, 100, "eu_status.txt");
-  EXPECT_TRUE(runtime.sent().empty());
   request(kNode, 0, 100, "eu_status.txt");
+  request(kNode, 1, 100, "eu_status.txt");
+  request(kNode, 2, 100, "eu_status.txt");
   ASSERT_EQ(runtime.sent().size(), 1u);
-  EXPECT_EQ(lastReply().header, (Words{EBUSY, kNode, 0, 0, 0}));
-  EXPECT_EQ(m_reads.size(), RamFileServer::kMaxReadsInFlight) << "the refused request is not read";
+  EXPECT_EQ(lastReply().header, (Words{EBUSY, kNode, 0, 2, 0}));
+  EXPECT_EQ(m_reads.size(), RamFileServer::kMaxReadsPerNode) << "the refused request is not read";
+  request(kNode + 1, 0, 100, "eu_status.txt");
+  EXPECT_EQ(m_reads.size(), RamFileServer::kMaxReadsPerNode + 1) << "another node's files are read";
 
   runRead(0);
-  EXPECT_EQ(runtime.sent().size(), 1u) << "a read counts until it is answered";
-  request(kNode, 0, 100, "eu_status.txt");
-  EXPECT_EQ(lastReply().header, (Words{EBUSY, kNode, 0, 0, 0}));
+  request(kNode, 3, 100, "eu_status.txt");
+  EXPECT_EQ(lastReply().header, (Words{EBUSY, kNode, 0, 3, 0})) << "a read counts until it is answered";
   deliverWakeUps();
-  request(kNode, 9, 100, "eu_status.txt");
-  EXPECT_EQ(m_reads.size(), RamFileServer::kMaxReadsInFlight + 1) << "taken once one was answered";
+  request(kNode, 4, 100, "eu_status.txt");
+  EXPECT_EQ(m_reads.size(), RamFileServer::kMaxReadsPerNode + 2) << "taken once one was answered";
   for (size_t i = 1; i < m_reads.size(); ++i) runRead(i);
   deliverWakeUps();
-  EXPECT_EQ(runtime.sent().size(), 3u + RamFileServer::kMaxReadsInFlight);
+  EXPECT_EQ(runtime.sent().size(), 2u + m_reads.size()) << "two refusals, and an answer for every read";
+}
+
+TEST_F(RamFileServerTest, BeyondTheReadsInFlightOfAllNodesEveryRequestIsRefusedBusy) {
+  m_readsRunAtOnce = false;
+  for (uint32_t nid = 0; nid < RamFileServer::kMaxReadsInFlight; ++nid) request(nid, 0, 100, "eu_status.txt");
+  EXPECT_TRUE(runtime.sent().empty());
+  request(RamFileServer::kMaxReadsInFlight, 0, 100, "eu_status.txt");
+  ASSERT_EQ(runtime.sent().size(), 1u);
+  EXPECT_EQ(lastReply().header, (Words{EBUSY, RamFileServer::kMaxReadsInFlight, 0, 0, 0}));
+  for (size_t i = 0; i < m_reads.size(); ++i) runRead(i);
+  deliverWakeUps();
+  EXPECT_EQ(runtime.sent().size(), 1u + RamFileServer::kMaxReadsInFlight);
 }
 
 }  // namespace

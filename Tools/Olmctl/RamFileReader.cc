@@ -39,6 +39,10 @@ std::string statusText(uint16_t nid, const std::string& name, uint32_t status) {
     return serverText(nid) + " has no " + ofNode(name, nid) +
            ": is the node running on its host, under the controller's OLM_RAM_ROOT?";
   }
+  if (status == EBUSY) {
+    return serverText(nid) + " is still waiting for node " + nidText(nid) +
+           " to answer earlier reads of its files: is it stopped?";
+  }
   return serverText(nid) + " cannot read " + ofNode(name, nid) + ": " + std::strerror(static_cast<int>(status));
 }
 

@@ -282,6 +282,22 @@ TEST_F(NodeRamFileServerOlmctl, NodesWithoutAServerThatAnswersFailWithOneLine) {
                                  hex(kSilentServer) + " within 300 ms: start olm-controller --agent on its host");
 }
 
+// A node stopped in a debugger answers no read of its files: once two reads wait for it, the server
+// says so at once.
+TEST_F(NodeRamFileServerOlmctl, AStoppedNodesFilesAreRefusedBusyOnceTwoReadsWaitForIt) {
+  const std::string missing = ramFilesMissing();
+  if (!missing.empty()) GTEST_SKIP() << missing;
+  m_node->kill(SIGSTOP);
+  for (int waiting = 0; waiting < 2; ++waiting) {
+    const ProgramRun timedOut = olmctl({"--timeout", kShortTimeout, "history", hex(kNode)});
+    EXPECT_EQ(timedOut.status, OlmTest::kOlmctlFailed) << timedOut.err;
+  }
+  OlmTest::expectFailureLine(olmctl({"--timeout", kShortTimeout, "history", hex(kNode)}),
+                             "the RAM file server at " + hex(kServerOfNode) + " is still waiting for node " +
+                                 hex(kNode) + " to answer earlier reads of its files: is it stopped?");
+  m_node->kill(SIGCONT);
+}
+
 TEST_F(NodeRamFileServerOlmctl, AFileThatKeepsChangingIsReadAgainAFewTimesThenGivenUp) {
   OlmTest::Signal ready;
   const pid_t server = OlmTest::startChild([&ready] { return serveAChangingFile(ready); });

@@ -95,19 +95,22 @@ int createAlias(const std::string& name, uint16_t alias, uint16_t target, uint32
   return 0;
 }
 
+// Under the start lock: takeAlias's results.
+int placeAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
+  if (liveNodeAt(alias)) return -EADDRINUSE;
+  const std::string name = aliasObjectName(alias);
+  if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(name)) {
+    if (existing->live()) return existing->isOf(target, targetTid) ? 0 : -EBUSY;
+    revokeAndUnlink(name, *existing);  // of a node that has gone, or revoked and not yet removed
+  }
+  return createAlias(name, alias, target, targetTid);
+}
+
 }  // namespace
 
 int takeAlias(uint16_t alias, uint16_t target, uint32_t targetTid) {
   if (!namespaceUsable()) return -EINVAL;
-  return underNodeStartLock([&] {
-    if (liveNodeAt(alias)) return -EADDRINUSE;
-    const std::string name = aliasObjectName(alias);
-    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(name)) {
-      if (existing->live()) return existing->isOf(target, targetTid) ? 0 : -EBUSY;
-      revokeAndUnlink(name, *existing);  // of a node that has gone, or revoked and not yet removed
-    }
-    return createAlias(name, alias, target, targetTid);
-  });
+  return underNodeStartLock([&] { return placeAlias(alias, target, targetTid); });
 }
 
 void revokeAlias(uint16_t nid) {
@@ -159,13 +162,8 @@ void takeStandingAliasFor(uint16_t nid, const std::function<bool(uint16_t)>& may
     if (standing == nullptr || !standing->live()) return 0;
     const AliasRecord& request = standing->record();
     const auto alias = static_cast<uint16_t>((nid & kGroupMask) | (request.alias & kStandingDigitMask));
-    if (alias == nid || alias == request.target || !mayAlias(alias) || liveNodeAt(alias)) return 0;
-    const std::string name = aliasObjectName(alias);
-    if (std::unique_ptr<WritableAlias> existing = WritableAlias::open(name)) {
-      if (existing->live()) return 0;
-      revokeAndUnlink(name, *existing);
-    }
-    return createAlias(name, alias, static_cast<uint16_t>(request.target), request.targetTid);
+    if (alias == nid || alias == request.target || !mayAlias(alias)) return 0;
+    return placeAlias(alias, static_cast<uint16_t>(request.target), request.targetTid);
   });
 }
 
